@@ -1,0 +1,21 @@
+# Sourced by the other scripts: makes sure the Debian packages the build
+# and the tests need are installed.
+FWU_PACKAGES="cmake g++ make pkg-config libboost-dev libsdbus-c++-dev libsdbus-c++-bin \
+libsystemd-dev dbus-daemon libgtest-dev libgmock-dev libbenchmark-dev"
+
+fwu_install_deps() {
+  local missing=""
+  for p in $FWU_PACKAGES; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
+  done
+  [ -z "$missing" ] && return 0
+  if [ "$(id -u)" -eq 0 ]; then
+    echo "Installing:$missing"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq && apt-get install -y -qq --no-install-recommends $missing >/dev/null
+  else
+    echo "Missing packages:$missing" >&2
+    echo "Run: sudo apt-get install -y$missing" >&2
+    return 1
+  fi
+}

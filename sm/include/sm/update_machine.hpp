@@ -1,0 +1,3 @@
+// Placeholder until the machine lands.
+#pragma once
+#include "sm/update_helper.hpp"

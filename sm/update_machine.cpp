@@ -1,0 +1,1 @@
+#include "sm/update_machine.hpp"

@@ -1,0 +1,34 @@
+// Runs a program as a real child process and collects what it wrote.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Updater::Testing {
+
+struct ProcessResult {
+  std::string out;       // everything written to standard output
+  std::string err;       // everything written to standard error
+  int exitStatus = -1;   // WEXITSTATUS when it exited, else -1
+  int termSignal = 0;    // the signal that ended it, else 0
+  bool timedOut = false; // killed by us because `timeout` ran out or `stopWhen` said so
+  std::chrono::milliseconds elapsed{0};
+};
+
+struct ProcessOptions {
+  std::vector<std::pair<std::string, std::string>> env;  // added to (or replacing in) our environment
+  std::vector<std::string> unsetEnv;
+  std::chrono::milliseconds timeout{60000};
+  // Polled as output arrives: returning true kills the child (SIGTERM) and returns.
+  std::function<bool(const std::string& out, const std::string& err)> stopWhen;
+  std::string argv0;  // when not empty, passed as argv[0] instead of the path
+};
+
+// Runs `path` with `args` (argv[1..]). Never throws on the child's failure.
+ProcessResult RunProcess(const std::string& path, const std::vector<std::string>& args,
+                         const ProcessOptions& options = {});
+
+}  // namespace Updater::Testing
