@@ -209,15 +209,17 @@ void Tallyvane::ProcessReceived() {
     }
 
     if (result != 0) {
-      // Resynchronise one byte at a time; the next 0xAA 0xA9 may be a frame.
+      // Resynchronise one byte at a time until the next frame that unpacks;
+      // every byte given up is shown, so a noisy link is easy to spot.
       DumpReceived(rxBuffer.data(), static_cast<int>(rxBuffer.size()));
       std::cout << "CHOKE" << '\n';
       rxBuffer.erase(rxBuffer.begin());
-    } else {
-      const std::size_t used = std::min(rxBuffer.size(), 2 + static_cast<std::size_t>(length));
-      rxBuffer.erase(rxBuffer.begin(), rxBuffer.begin() + static_cast<std::ptrdiff_t>(used));
+      if (rxBuffer.size() < 3) return;
+      continue;
     }
 
+    const std::size_t used = std::min(rxBuffer.size(), 2 + static_cast<std::size_t>(length));
+    rxBuffer.erase(rxBuffer.begin(), rxBuffer.begin() + static_cast<std::ptrdiff_t>(used));
     if (rxBuffer.size() < 3) return;
     if (!StartsWithSync(rxBuffer)) {
       std::cout << kGulp << '\n';
