@@ -6,6 +6,8 @@
 #include <string>
 
 #include "common/log.hpp"
+#include "helpers/camera/vyr_camera.hpp"
+#include "helpers/tallyvane/tallyvane.hpp"
 #include "sm/update_machine.hpp"
 
 using Updater::Log::Colour;
@@ -24,15 +26,25 @@ int main(int argc, char** argv) {
       std::cerr << "Missing camera idx [" << argv[0] << "]" << std::endl;
       return 2;
     }
-    // CAMERA-HELPER: create the camera helper here; then, as for every target:
-    //   Updater::SM::UpdateMachine machine; machine.SetHelper(helper); machine.start();
-    //   delete helper;   (before the machine goes)
-    std::cerr << "camera support is not built into this firmware-updater" << std::endl;
-    return 3;
+    Updater::Helpers::UpdateHelper* helper = new Updater::Helpers::VyrCamera(argv[2]);
+    {
+      Updater::SM::UpdateMachine machine;
+      machine.SetHelper(helper);
+      machine.start();
+      delete helper;  // before the machine goes
+    }
   } else if (target == "tallyvane") {
-    // TALLYVANE-HELPER: create the counter-link helper, run the update, then its receive loop.
-    std::cerr << "tallyvane support is not built into this firmware-updater" << std::endl;
-    return 3;
+    auto* helper = new Updater::Helpers::Tallyvane();
+    {
+      Updater::SM::UpdateMachine machine;
+      machine.SetHelper(helper);
+      machine.start();
+      // The board's frames are read only from here on, after the machine has
+      // run; the loop ends only if its running flag is cleared.
+      helper->RunReader();
+      helper->Close();
+      delete helper;
+    }
   } else {
     std::cerr << "Invalid target [" << target << "] given, quitting " << argv[0] << std::endl;
   }
