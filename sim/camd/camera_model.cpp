@@ -212,6 +212,9 @@ bool Camera::SendFirmwareBlock(int position, std::vector<std::uint8_t> data) {
 
 int Camera::WaitForAck() {
   ++ackCalls_;
+  // Once complete the camera keeps saying so: the updater polls on after
+  // any status but 0.
+  if (done_) return 3;
   for (const auto& [calls, status] : options_.ackStatuses)
     if (calls.Contains(ackCalls_)) return status;
   if (options_.lostAcks.Contains(ackCalls_)) return 1;

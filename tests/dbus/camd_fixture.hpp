@@ -54,6 +54,7 @@ class CamdBusTest : public ::testing::Test {
   }
 
   void StartSim(const std::vector<std::string>& args) {
+    sim_.reset();  // the service name is free again before the next one asks for it
     sim_ = std::make_unique<CamdSimProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir());
   }
   // Calls of `method` that the simulator has answered so far.

@@ -75,6 +75,7 @@ TEST(CamdSimCamera, AssemblesTheImageAndAcksTheLastChunkWithThree) {
   cam.SendUpdateAvailable(2, Crc16(image), 1000);
   EXPECT_EQ(Deliver(cam, image, 64), 3);
   EXPECT_TRUE(cam.Done());
+  EXPECT_EQ(cam.WaitForAck(), 3);  // and stays done for the polls that follow
   EXPECT_EQ(cam.Image(), image);
   EXPECT_EQ(cam.GetPreviouslyDownloadedChunks(), 16);
   char expected[64];
