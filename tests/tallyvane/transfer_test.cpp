@@ -106,19 +106,46 @@ class TransferTest : public testing::Test {
           dir / "sim.log"};
 };
 
+// The machine ends the process from inside start() with exit(-1). With the
+// receive loop on a thread of its own, that exit must not tear down the
+// control library's statics under the loop's feet: the loop is stopped and
+// joined from an atexit handler, registered once the library has been used
+// (handlers run before the destructors of statics built earlier).
+Tallyvane* gExitHelper = nullptr;
+std::thread* gExitReader = nullptr;
+
+void StopReaderAtExit() {
+  gExitHelper->StopReader();
+  gExitReader->join();
+}
+
+class RealClockStoppingReaderAtExit : public Updater::Clock {
+ public:
+  time_point Now() override { return Updater::SystemClock().Now(); }
+  void Sleep(std::chrono::nanoseconds d) override {
+    // Every wait for a block's acknowledgement sleeps at least once, after the block went out.
+    if (!registered_.exchange(true)) std::atexit(StopReaderAtExit);
+    Updater::SystemClock().Sleep(d);
+  }
+
+ private:
+  std::atomic<bool> registered_{false};
+};
+
 // Every update the machine finishes ends in its error exit: the board's
 // last report leaves no next position, and the machine reads that as a
 // failure. So the machine runs in a child, and the image is checked here.
 TEST_F(TransferTest, MachineDeliversTheImageByteForByte) {
   EXPECT_EXIT(
       {
-        Tallyvane helper(uplink);
+        RealClockStoppingReaderAtExit clock;
+        Tallyvane helper(uplink, clock);
         std::thread reader([&] { helper.RunReader(); });
+        gExitHelper = &helper;
+        gExitReader = &reader;
         Updater::SM::UpdateMachine machine;
         machine.SetHelper(&helper);
         machine.start();
-        helper.StopReader();
-        reader.join();
         std::exit(0);
       },
       testing::ExitedWithCode(255), "");
