@@ -124,14 +124,4 @@ TEST(FirmwarePackageDirectory, PathIsDirectoryPlusNameAsGiven) {
   EXPECT_EQ(Board(), Package(1, dir.path() + "//tallyvane-1.bin"));
 }
 
-TEST(FirmwarePackageDirectory, EmptyVariableFallsBackToDefault) {
-  ScopedEnv env("QUORVEX_FIRMWARE_DIR", "");
-  const Package found = Board();
-  if (found.first >= 0) {
-    EXPECT_EQ(found.second.rfind("/lib/firmware/quorvex/tallyvane-", 0), 0u);
-  } else {
-    EXPECT_EQ(found, Package(-1, ""));
-  }
-}
-
 }  // namespace

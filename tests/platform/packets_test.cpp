@@ -131,16 +131,6 @@ TEST(Packets, WireBytesAreAsDocumented) {
   EXPECT_EQ(Packed(block), (Bytes{0x0B, 0x12, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xDE, 0xAD, 0x96, 0xB5}));
 }
 
-TEST(Packets, LengthCountsHeaderPayloadAndCheck) {
-  EXPECT_EQ(RequestUpdateInfo().Length(), 5);
-  EXPECT_EQ(UpdateAvailable().Length(), 13);
-  EXPECT_EQ(FirmwareBlock(0, std::vector<unsigned char>(64)).Length(), 73);
-  EXPECT_EQ(DatalinkPacketAck().Length(), 7);
-  EXPECT_EQ(UpdateInfo().Length(), 16);
-  EXPECT_EQ(ReceivedFirmwareBlock().Length(), 13);
-  EXPECT_EQ(UpdateComplete().Length(), 5);
-}
-
 TEST(Packets, FirmwareBlockSizeLimit) {
   const FirmwareBlock largest(0, std::vector<unsigned char>(FirmwareBlock::kMaxData, 0x33));
   EXPECT_EQ(largest.Length(), 255);
