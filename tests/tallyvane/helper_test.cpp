@@ -152,12 +152,6 @@ TEST_F(HelperTest, NewerImageIsAnnouncedWithItsByteSumAndLength) {
   EXPECT_EQ(helper.FirmwarePath(), path);
 }
 
-TEST_F(HelperTest, EmptyImageIsAnnouncedWithHash256) {
-  WriteFile(dir / "tallyvane-6.bin", {});
-  EXPECT_EQ(Check(), 1);
-  EXPECT_NE(lastOut.find("with hash [100] in [0] chunks"), std::string::npos) << lastOut;
-}
-
 TEST_F(HelperTest, ImageNotNewerThanTheBoardMeansNoUpdate) {
   WriteFile(dir / "tallyvane-5.bin", {1, 2, 3});
   EXPECT_EQ(Check(), 0);
