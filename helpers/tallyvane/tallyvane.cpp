@@ -102,8 +102,8 @@ int Tallyvane::RunReader() {
           std::cerr.setstate(std::ios::badbit);
         }
       } else if (count == 0) {
-        // The writer went away. The old descriptor is deliberately left
-        // open: the driver hands out a fresh one per reopen.
+        // The writer went away: carry on with a fresh descriptor. The old
+        // one is not closed.
         Log::Error("Read 0 bytes");
         deviceFd = 0;
         if (!readerRunning) {
@@ -283,7 +283,7 @@ void Tallyvane::OnUpdateComplete() {
   if (updateCompleted) return;
   blockReportReceived = 1;
   updateCompleted = 1;
-  // Block counts and byte positions meet here; the board's word wins.
+  // The board is done: whatever it last reported, what we sent counts as acknowledged.
   std::cout << "Last acked block: [" << lastAckedBlock.load() << "], last sent block: ["
             << lastSentBlock.load() << ", setting them equal." << '\n';
   nextBlock = -1;
@@ -335,8 +335,8 @@ bool Tallyvane::SendPacket(VYRCam::Packet& packet) {
 
   if (!packet.NeedsAck()) return Transmit(bytes);
 
-  // One acknowledged packet on the wire at a time: the board's receive
-  // buffer holds exactly one.
+  // At most one packet awaiting its acknowledgement is on the wire; the
+  // others wait their turn in the queue.
   std::lock_guard<std::mutex> lock(queueMutex);
   bool sent = false;
   if (pendingPackets.empty()) sent = Transmit(bytes);
@@ -504,7 +504,8 @@ int Tallyvane::CheckForUpdate() {
   }
 
   const std::uint16_t checksum = ReportChecksum(static_cast<std::size_t>(length), sum);
-  // Hexadecimal from here on, as the board's tooling prints its hashes.
+  // The checksum is shown in hex and the stream is left that way: every
+  // later number on standard output is hex too.
   std::cout << std::hex;
   Log::Debug(Colour::Green, "Checksum: [", checksum, "]");
   std::cout << "This file [" << firmwarePath << "] contains [" << length << "] chunks of [" << packetSize << "]"
@@ -525,8 +526,8 @@ bool Tallyvane::HaveUpdateFile() {
 }
 
 int Tallyvane::GetFirstUpdateBlock() {
-  // No limit: the board always names a first position once it has taken
-  // the announcement, and the reader is what stores it.
+  // No limit. Only the receive loop stores the board's position, so this
+  // returns only while that loop runs on another thread.
   for (;;) {
     const int first = nextBlock;
     if (first != -1) return first;
