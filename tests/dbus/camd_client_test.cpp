@@ -5,7 +5,9 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <chrono>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <set>
 
 #include "camd_fixture.hpp"
@@ -53,6 +55,36 @@ TEST(CamdMethodTable, ReplyKindsAgreeWithSignatures) {
   EXPECT_STREQ(Camd::Spec(Camd::Method::DequeuePacket).name, "DequeuePacket");
   EXPECT_EQ(Camd::FindMethod("Nope"), nullptr);
   EXPECT_EQ(Camd::ObjectPath("03"), "/com/quorvex/common/Camd1/Camera03");
+}
+
+TEST(CamdMethodTable, MatchesTheDocumentedInterface) {
+  std::ifstream in(FWU_SOURCE_DIR "/docs/camd-firmware.xml");
+  ASSERT_TRUE(in) << "docs/camd-firmware.xml";
+  const std::string xml((std::istreambuf_iterator<char>(in)), {});
+  // Method blocks in document order; each must equal the table row at its place.
+  std::size_t row = 0;
+  for (auto at = xml.find("<method name=\""); at != std::string::npos;
+       at = xml.find("<method name=\"", at + 1), ++row) {
+    const auto nameEnd = xml.find('"', at + 14);
+    const std::string name = xml.substr(at + 14, nameEnd - at - 14);
+    const auto blockEnd = xml.find("</method>", at);
+    const std::string block = xml.substr(at, blockEnd - at);
+    std::string in, out;
+    for (auto arg = block.find("type=\""); arg != std::string::npos; arg = block.find("type=\"", arg + 1)) {
+      const auto typeEnd = block.find('"', arg + 6);
+      const std::string type = block.substr(arg + 6, typeEnd - arg - 6);
+      (block.compare(typeEnd + 1, 18, " direction=\"out\"/>") == 0 ? out : in) += type;
+    }
+    const bool noReply = block.find("org.freedesktop.DBus.Method.NoReply") != std::string::npos;
+    ASSERT_LT(row, Camd::kMethods.size()) << name;
+    const auto& spec = Camd::kMethods[row];
+    EXPECT_EQ(name, spec.name);
+    EXPECT_EQ(in, spec.in) << name;
+    EXPECT_EQ(out, spec.out) << name;
+    EXPECT_EQ(noReply, spec.reply == Camd::Reply::None) << name;
+  }
+  EXPECT_EQ(row, Camd::kMethods.size());
+  EXPECT_NE(xml.find(std::string("<interface name=\"") + Camd::kInterface + "\">"), std::string::npos);
 }
 
 using CamdClientTest = CamdBusTest;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -112,6 +113,8 @@ CamdSimProcess::CamdSimProcess(const std::string& binary, const std::vector<std:
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
+    // A test that dies without its teardown must not leave camd-sim behind.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
     const int out = open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     const int err = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (out < 0 || err < 0) _exit(126);
