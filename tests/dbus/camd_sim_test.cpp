@@ -2,6 +2,7 @@
 // sees it, and the fault schedule, without a bus.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 
@@ -142,6 +143,28 @@ TEST(CamdSimCamera, ScriptedFaultsHitTheNamedCallsOnly) {
   Camera stubborn("1", never);
   stubborn.RequestUpdateInfo();
   for (int i = 0; i < 200; ++i) ASSERT_FALSE(stubborn.UpdateInfoReceived());
+}
+
+TEST(CamdSimCamera, RandomLossesFollowTheSeedAndTheRate) {
+  const auto pattern = [](const Options& options) {
+    Camera cam("0", options);
+    cam.SendUpdateAvailable(2, 0, 1 << 30);
+    std::string losses;
+    for (int i = 0; i < 2000; ++i) {
+      cam.SendFirmwareBlock(0, Bytes(1));
+      losses += cam.WaitForAck() == 1 ? '1' : '0';
+    }
+    return losses;
+  };
+  const Options a = Parse({"--loss-rate=0.25", "--seed=9"});
+  const Options b = Parse({"--loss-rate=0.25", "--seed=9"});
+  const Options c = Parse({"--loss-rate=0.25", "--seed=10"});
+  const std::string first = pattern(a);
+  EXPECT_EQ(first, pattern(b));
+  EXPECT_NE(first, pattern(c));
+  const auto lost = std::count(first.begin(), first.end(), '1');
+  EXPECT_GT(lost, 400);
+  EXPECT_LT(lost, 600);
 }
 
 TEST(CamdSimCamera, ResumeStartsFromThePreloadedPrefix) {
