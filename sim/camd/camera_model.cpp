@@ -186,7 +186,8 @@ bool Camera::SendUpdateAvailable(int version, int checksum, int length) {
   announcedVersion_ = version;
   announcedCrc_ = checksum;
   announcedLength_ = length;
-  image_.assign(static_cast<std::size_t>(std::max(length, 0)), 0);
+  // Grown as chunks arrive: an announcement alone (say of 2 GiB) costs nothing.
+  image_.clear();
   held_ = 0;
   chunksHeld_ = 0;
   pending_.reset();
@@ -194,9 +195,10 @@ bool Camera::SendUpdateAvailable(int version, int checksum, int length) {
   nextPosition_ = options_.firstBlock;
   if (!options_.preloadPath.empty() && options_.firstBlock > 0) {
     std::ifstream in(options_.preloadPath, std::ios::binary);
-    const auto count = std::min<std::size_t>(image_.size(), static_cast<std::size_t>(options_.firstBlock));
-    in.read(reinterpret_cast<char*>(image_.data()), static_cast<std::streamsize>(count));
+    image_.resize(static_cast<std::size_t>(std::min(std::max(length, 0), options_.firstBlock)));
+    in.read(reinterpret_cast<char*>(image_.data()), static_cast<std::streamsize>(image_.size()));
     held_ = static_cast<long>(in.gcount());
+    image_.resize(static_cast<std::size_t>(held_));
   }
   return true;
 }
@@ -226,9 +228,10 @@ int Camera::WaitForAck() {
   pending_.reset();
   if (chunk.position >= 0) {
     const auto begin = static_cast<std::size_t>(chunk.position);
-    const auto end = std::min(image_.size(), begin + chunk.data.size());
-    if (begin < end) std::copy_n(chunk.data.begin(), end - begin, image_.begin() + static_cast<long>(begin));
-    held_ = std::max<long>(held_, static_cast<long>(begin + chunk.data.size()));
+    const auto end = begin + chunk.data.size();
+    if (end > image_.size()) image_.resize(end);
+    std::copy(chunk.data.begin(), chunk.data.end(), image_.begin() + static_cast<long>(begin));
+    held_ = std::max<long>(held_, static_cast<long>(end));
   }
   ++chunksHeld_;
   nextPosition_ = chunk.position + static_cast<int>(chunk.data.size());
