@@ -29,9 +29,9 @@ void LogDbusError(const sdbus::Error& e) {
 template <class... Args>
 sdbus::MethodReply SendOnce(sdbus::IProxy& proxy, const std::string& interface, Method m,
                             const Args&... args) {
-  const auto& spec = Camd::Spec(m);
-  auto call = proxy.createMethodCall(interface, spec.name);
-  if (spec.reply == Camd::Reply::None) call.dontExpectReply();
+  const auto& method = Camd::Info(m);
+  auto call = proxy.createMethodCall(interface, method.name);
+  if (method.reply == Camd::Reply::None) call.dontExpectReply();
   ((call << args), ...);
   return proxy.callMethod(call);
 }
@@ -44,9 +44,9 @@ T ReadFirst(sdbus::MethodReply& reply, Method m) {
   try {
     reply >> value;
   } catch (const sdbus::Error& e) {
-    throw Dbus::ReplyTypeMismatch(Camd::Spec(m).name, e.getMessage());
+    throw Dbus::ReplyTypeMismatch(Camd::Info(m).name, e.getMessage());
   }
-  if (!reply) throw Dbus::ReplyTypeMismatch(Camd::Spec(m).name, "no argument in the reply");
+  if (!reply) throw Dbus::ReplyTypeMismatch(Camd::Info(m).name, "no argument in the reply");
   return value;
 }
 

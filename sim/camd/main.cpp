@@ -15,7 +15,7 @@
 
 namespace {
 
-using Updater::Camd::MethodSpec;
+using Updater::Camd::MethodInfo;
 using Updater::Camd::Reply;
 
 class Service {
@@ -27,17 +27,17 @@ class Service {
     for (const auto& index : options_.cameras) {
       auto camera = std::make_unique<CamdSim::Camera>(index, options_);
       auto object = sdbus::createObject(*connection_, Updater::Camd::ObjectPath(index));
-      for (const auto& spec : Updater::Camd::kMethods) {
+      for (const auto& method : Updater::Camd::kMethods) {
         sdbus::Flags flags;
-        if (spec.reply == Reply::None) flags.set(sdbus::Flags::METHOD_NO_REPLY);
+        if (method.reply == Reply::None) flags.set(sdbus::Flags::METHOD_NO_REPLY);
         // The bus only lets a reply out with the registered signature, so a
         // method told to answer with the wrong type is registered that way.
-        const bool wrongType = WrongType(spec.name);
-        const char* out = spec.out;
-        if (wrongType) out = spec.reply == Reply::Int ? "b" : "i";
+        const bool wrongType = WrongType(method.name);
+        const char* out = method.out;
+        if (wrongType) out = method.reply == Reply::Int ? "b" : "i";
         object->registerMethod(
-            Updater::Camd::kInterface, spec.name, spec.in, out,
-            [this, cam = camera.get(), &spec](sdbus::MethodCall call) { Handle(*cam, spec, call); },
+            Updater::Camd::kInterface, method.name, method.in, out,
+            [this, cam = camera.get(), &method](sdbus::MethodCall call) { Handle(*cam, method, call); },
             flags);
       }
       object->finishRegistration();
@@ -67,23 +67,23 @@ class Service {
     });
   }
 
-  void Handle(CamdSim::Camera& camera, const MethodSpec& spec, sdbus::MethodCall& call) {
+  void Handle(CamdSim::Camera& camera, const MethodInfo& method, sdbus::MethodCall& call) {
     ++totalCalls_;
-    const long nth = ++callsPerMethod_[camera.Index() + "/" + spec.name];
+    const long nth = ++callsPerMethod_[camera.Index() + "/" + method.name];
     if (options_.exitAfterCalls > 0 && totalCalls_ >= options_.exitAfterCalls) {
       Log(camera.Index(), std::string("exiting on call ") + std::to_string(totalCalls_) + " (" +
-                              spec.name + ")");
+                              method.name + ")");
       _exit(3);
     }
-    if (auto slow = options_.slowMs.find(spec.name); slow != options_.slowMs.end())
+    if (auto slow = options_.slowMs.find(method.name); slow != options_.slowMs.end())
       std::this_thread::sleep_for(std::chrono::milliseconds(slow->second));
-    if (Matches(options_.errors, spec.name, nth)) {
-      Log(camera.Index(), std::string(spec.name) + " -> injected error");
+    if (Matches(options_.errors, method.name, nth)) {
+      Log(camera.Index(), std::string(method.name) + " -> injected error");
       throw sdbus::Error("com.quorvex.common.Camd1.Error.Injected",
-                         std::string("injected failure of ") + spec.name);
+                         std::string("injected failure of ") + method.name);
     }
 
-    const std::string name = spec.name;
+    const std::string name = method.name;
     std::string text = name;
     long intResult = 0;
     bool boolResult = false;
@@ -123,9 +123,9 @@ class Service {
       camera.DequeuePacket();
     }
 
-    const bool wrongType = WrongType(spec.name);
+    const bool wrongType = WrongType(method.name);
     auto reply = call.createReply();
-    switch (spec.reply) {
+    switch (method.reply) {
       case Reply::Int:
         text += " -> " + std::to_string(intResult);
         if (wrongType) reply << (intResult != 0); else reply << static_cast<std::int32_t>(intResult);

@@ -51,8 +51,8 @@ TEST(CamdMethodTable, ReplyKindsAgreeWithSignatures) {
     }
   }
   EXPECT_EQ(names.size(), Camd::kMethods.size());
-  EXPECT_STREQ(Camd::Spec(Camd::Method::GetFlashRegion).name, "GetFlashRegion");
-  EXPECT_STREQ(Camd::Spec(Camd::Method::DequeuePacket).name, "DequeuePacket");
+  EXPECT_STREQ(Camd::Info(Camd::Method::GetFlashRegion).name, "GetFlashRegion");
+  EXPECT_STREQ(Camd::Info(Camd::Method::DequeuePacket).name, "DequeuePacket");
   EXPECT_EQ(Camd::FindMethod("Nope"), nullptr);
   EXPECT_EQ(Camd::ObjectPath("03"), "/com/quorvex/common/Camd1/Camera03");
 }
@@ -77,11 +77,11 @@ TEST(CamdMethodTable, MatchesTheDocumentedInterface) {
     }
     const bool noReply = block.find("org.freedesktop.DBus.Method.NoReply") != std::string::npos;
     ASSERT_LT(row, Camd::kMethods.size()) << name;
-    const auto& spec = Camd::kMethods[row];
-    EXPECT_EQ(name, spec.name);
-    EXPECT_EQ(in, spec.in) << name;
-    EXPECT_EQ(out, spec.out) << name;
-    EXPECT_EQ(noReply, spec.reply == Camd::Reply::None) << name;
+    const auto& method = Camd::kMethods[row];
+    EXPECT_EQ(name, method.name);
+    EXPECT_EQ(in, method.in) << name;
+    EXPECT_EQ(out, method.out) << name;
+    EXPECT_EQ(noReply, method.reply == Camd::Reply::None) << name;
   }
   EXPECT_EQ(row, Camd::kMethods.size());
   EXPECT_NE(xml.find(std::string("<interface name=\"") + Camd::kInterface + "\">"), std::string::npos);

@@ -25,7 +25,7 @@ inline std::string ObjectPath(const std::string& cameraIndex) {
 // nothing at all (the call goes out with the no-reply flag).
 enum class Reply { Int, Bool, None };
 
-struct MethodSpec {
+struct MethodInfo {
   const char* name;
   const char* in;   // D-Bus signature of the arguments
   const char* out;  // D-Bus signature of the reply body
@@ -33,7 +33,7 @@ struct MethodSpec {
 };
 
 // Registration order. `Method` below indexes this array.
-inline constexpr std::array<MethodSpec, 13> kMethods = {{
+inline constexpr std::array<MethodInfo, 13> kMethods = {{
     {"GetCameraFirmwareVersion", "", "i", Reply::Int},
     {"GetFirstUpdateBlock", "", "i", Reply::Int},
     {"GetFirmwareUpdateChunkSize", "", "i", Reply::Int},
@@ -65,12 +65,12 @@ enum class Method : std::size_t {
   DequeuePacket,
 };
 
-constexpr const MethodSpec& Spec(Method m) { return kMethods[static_cast<std::size_t>(m)]; }
+constexpr const MethodInfo& Info(Method m) { return kMethods[static_cast<std::size_t>(m)]; }
 
 // nullptr when `name` is not a camd firmware method.
-inline const MethodSpec* FindMethod(std::string_view name) {
-  for (const auto& spec : kMethods)
-    if (name == spec.name) return &spec;
+inline const MethodInfo* FindMethod(std::string_view name) {
+  for (const auto& method : kMethods)
+    if (name == method.name) return &method;
   return nullptr;
 }
 
