@@ -92,6 +92,28 @@ TEST_F(CameraEndToEndTest, LostChunkIsResentAtHalfSize) {
   EXPECT_EQ(ReadFile(OutPath()), image);
 }
 
+TEST_F(CameraEndToEndTest, ResumesAtThePositionCamdNames) {
+  const auto image = RandomBytes(1500, 17);
+  const std::string path = AddPackage(3, image);
+  StartSim({"--first=1024", "--preload=" + path, "--out=" + OutPath()});
+  const auto r = RunUpdater();
+  EXPECT_EQ(r.exitStatus, 0) << r.err;
+  EXPECT_THAT(r.out, HasSubstr("                First:400\nReady with block #400\n"));
+  EXPECT_THAT(sim_->Log(), HasSubstr("GetFirstUpdateBlock -> 1024\ncamd-sim[0]: SendFirmwareBlock position=1024 bytes=64"));
+  EXPECT_EQ(CountOf(sim_->Log(), "SendFirmwareBlock position="), 8u);  // (1500 - 1024) / 64, rounded up
+  EXPECT_EQ(ReadFile(OutPath()), image);
+}
+
+TEST_F(CameraEndToEndTest, UnrecognisedStatusLeavesTheRunRestingWithStatusZero) {
+  AddPackage(3, RandomBytes(500, 18));
+  StartSim({"--ack-status=1-:2"});
+  const auto r = RunUpdater();
+  EXPECT_EQ(r.exitStatus, 0);
+  EXPECT_THAT(r.out, EndsWith("Entered: WaitingForAck: 0\ncamd waiting for ACK!\ncamd ACK status: 2\n" + kClosing));
+  EXPECT_EQ(SimCalls("WaitForAck"), 10u);
+  EXPECT_EQ(SimCalls("GetNextFirmwareBlock"), 0u);
+}
+
 TEST_F(CameraEndToEndTest, FailedSendEndsInTheErrorExit) {
   AddPackage(3, RandomBytes(500, 13));
   StartSim({"--fail-send=3"});
