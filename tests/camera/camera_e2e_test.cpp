@@ -89,6 +89,9 @@ TEST_F(CameraEndToEndTest, LostChunkIsResentAtHalfSize) {
   EXPECT_THAT(r.err, HasSubstr("Caught ACK timeout! Still waiting...\n"));
   EXPECT_THAT(r.out, HasSubstr("Bumping packet size to [40]\n"));
   EXPECT_EQ(SimCalls("DequeuePacket"), 1u);
+  // The same block goes again, at half the size.
+  EXPECT_THAT(sim_->Log(), HasSubstr("SendFirmwareBlock position=64 bytes=64 -> true"));
+  EXPECT_THAT(sim_->Log(), HasSubstr("SendFirmwareBlock position=64 bytes=32 -> true"));
   EXPECT_EQ(ReadFile(OutPath()), image);
 }
 
