@@ -1,0 +1,434 @@
+// The counter-link helper on one thread and a fake clock, the test playing the
+// board: frames fed one read() at a time, the downlink read back from a FIFO.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <random>
+
+#include "fake_clock.hpp"
+#include "helpers/tallyvane/tallyvane.hpp"
+#include "lc/downlink_frame.hpp"
+#include "temp_dir.hpp"
+#include "vyrcam/packets.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace VYRCam;
+using Bytes = std::vector<std::uint8_t>;
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+using Updater::Helpers::Tallyvane;
+
+// 0xAA 0xA9 followed by the packed packet, as the board writes it.
+Bytes Frame(const Packet& packet) {
+  Bytes out{0xAA, 0xA9};
+  out.resize(2 + static_cast<std::size_t>(packet.Length()));
+  packet.Pack(out.data() + 2);
+  return out;
+}
+
+Bytes Concat(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
+
+std::size_t Count(const std::string& text, const std::string& what) {
+  std::size_t n = 0;
+  for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size())) ++n;
+  return n;
+}
+
+std::string Stdout(const std::function<void()>& run) { return CaptureStdout(), run(), GetCapturedStdout(); }
+std::string Stderr(const std::function<void()>& run) { return CaptureStderr(), run(), GetCapturedStderr(); }
+
+// Lets the test act as the board while the helper waits: `onSleep` runs before each sleep returns.
+class ScriptedClock : public Updater::Testing::FakeClock {
+ public:
+  void Sleep(std::chrono::nanoseconds d) override {
+    FakeClock::Sleep(d);
+    if (onSleep) onSleep(Sleeps());
+  }
+  std::function<void(int sleepsSoFar)> onSleep;
+};
+
+class LinkTest : public testing::Test {
+ protected:
+  // The downlink device is a FIFO whose read end stays open, so that every write lands.
+  LinkTest() {
+    mkfifo((dir / "downlink").c_str(), 0600);
+    tap = open((dir / "downlink").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir / "downlink").c_str(), 1);
+    setenv("QUORVEX_FIRMWARE_DIR", dir.path().c_str(), 1);
+    setenv("QUORVEX_TALLYVANE_VERSION_FILE", (dir / "board-version").c_str(), 1);
+    dir.Write("board-version", "5\n");
+    std::cout << std::dec;  // a helper before us may have left it in hexadecimal
+    Tallyvane::lastProgressPrint = clock.Now() - 1h;
+  }
+  ~LinkTest() override { close(tap); }
+  // The packets written to the downlink since the last call, in order; each on the helper's channel.
+  std::vector<Bytes> Sent() {
+    Bytes got(1 << 16);
+    got.resize(static_cast<std::size_t>(std::max<ssize_t>(0, read(tap, got.data(), got.size()))));
+    std::vector<Bytes> out;
+    for (std::size_t at = 0, count = 0; at + lc::kDownlinkHeaderBytes <= got.size(); at += 5 + count) {
+      EXPECT_TRUE(got[at] == 0xAA && got[at + 1] == 0xA9 && got[at + 2] == Tallyvane::kDownlinkChannel);
+      count = got[at + 3] | (got[at + 4] << 8);
+      out.emplace_back(got.begin() + static_cast<std::ptrdiff_t>(at + 5),
+                       got.begin() + static_cast<std::ptrdiff_t>(std::min(got.size(), at + 5 + count)));
+    }
+    return out;
+  }
+  void Feed(const Bytes& bytes) { helper.Receive(bytes.data(), bytes.size()); }
+  std::string Printed(const Bytes& bytes) { return Stdout([&] { Feed(bytes); }); }
+  void AckEverything() {
+    for (auto sequence : helper.PendingSequences()) Feed(Frame(DatalinkPacketAck(sequence, true)));
+  }
+  // Sends one chunk the way the machine would and has the board report it.
+  void SendAndReport(int reportedOffset = 0) {
+    ASSERT_TRUE(helper.SendBlock(0, Bytes(4, 0x5A)));
+    AckEverything();
+    Feed(Frame(ReceivedFirmwareBlock(helper.State().lastSentBlock + reportedOffset, 0)));
+  }
+  // The check, with the board answering during the first 100 ms wait; leaves nothing pending.
+  int Check() {
+    clock.onSleep = [this](int sleeps) {
+      if (sleeps == 1) AckEverything(), Feed(Frame(UpdateInfo(0, 0, 64, 1)));
+    };
+    int result = -1;
+    lastOut = Stdout([&] { result = helper.CheckForUpdate(); });
+    AckEverything();
+    clock.onSleep = nullptr;
+    sentByCheck = Sent();
+    std::cout << std::dec;
+    return result;
+  }
+  Bytes SentBlockData() {
+    const auto sent = Sent();
+    FirmwareBlock block;
+    EXPECT_EQ(sent.size(), 1u);
+    if (sent.size() == 1) {
+      EXPECT_EQ(block.Unpack(reinterpret_cast<const char*>(sent[0].data()), sent[0].size()), 0);
+    }
+    AckEverything();
+    return Bytes(block.Data().begin(), block.Data().end());
+  }
+  Updater::Testing::TempDir dir;
+  int tap = -1;
+  std::string lastOut;
+  std::vector<Bytes> sentByCheck;
+  ScriptedClock clock;
+  Tallyvane helper{dir / "no-device", clock};
+};
+
+TEST_F(LinkTest, ShortReadsAreIgnoredAndReadsNotStartingWithSyncAreDroppedWhole) {
+  const std::string gulp = "GULP; ignoring this frame's data\n";
+  for (const Bytes& read : {Bytes{0xAA, 0xA9}, Bytes{0x01, 0x02}, Bytes{}}) EXPECT_EQ(Printed(read), "");
+  const auto report = Frame(ReceivedFirmwareBlock(-1, 128));
+  EXPECT_EQ(Printed(Concat({{0x00}, report})), gulp);
+  EXPECT_EQ(Printed(Concat({{0xAA, 0x00}, report})), gulp);
+  EXPECT_EQ(helper.State().nextBlock, -1);
+  // After a good frame, a tail that is not a frame ends the read.
+  EXPECT_EQ(Printed(Concat({report, {0x55, 0x66, 0x77}, Frame(ReceivedFirmwareBlock(128, 192))})), gulp);
+  EXPECT_EQ(helper.State().nextBlock, 128);
+}
+
+TEST_F(LinkTest, FramesInOneReadAreHandledInOrder) {
+  Feed(Concat({Frame(UpdateInfo(0x1234, 0xFFFFFFFE, 32, 7)), Frame(ReceivedFirmwareBlock(-1, 10)),
+               Frame(ReceivedFirmwareBlock(10, 20))}));
+  const auto state = helper.State();
+  EXPECT_EQ(state.haveUpdateInfo, 1);
+  EXPECT_EQ(state.downloadedBlocks, -2);  // sign-extended from 32 bits
+  EXPECT_EQ(state.flashSector, 7);
+  EXPECT_EQ(state.firstBlock, 10);  // set only by the first report
+  EXPECT_EQ(state.nextBlock, 20);   // left by the second
+  EXPECT_EQ(state.lastAckedBlock, 10);
+}
+
+// Types the updater has no class for: 34 sits among the board's codes, 40 above them.
+TEST_F(LinkTest, UnknownTypeIsDumpedAndSkippedByteByByteUntilTheNextFrame) {
+  auto dump = [](Bytes::const_iterator from, Bytes::const_iterator to) {
+    std::string out = "*** Received:\n";
+    char cell[4];
+    for (; from != to; ++from) out += (std::snprintf(cell, sizeof cell, "%02X ", *from), cell);
+    return out + "\nCHOKE\n";
+  };
+  for (std::uint8_t type : {34, 40}) {
+    auto unknown = Frame(UpdateComplete());
+    unknown[3] = type;
+    const auto read = Concat({unknown, Frame(ReceivedFirmwareBlock(-1, type))});
+    const auto out = Printed(read);
+    // First the whole read, then the same read one byte further on.
+    EXPECT_EQ(out.rfind(dump(read.begin(), read.end()) + dump(read.begin() + 1, read.end()), 0), 0u) << out;
+    EXPECT_EQ(Count(out, "CHOKE"), unknown.size());
+    EXPECT_EQ(helper.State().nextBlock, type);
+  }
+}
+
+TEST_F(LinkTest, CorruptFrameInTheMiddleCostsOneChokePerByteUntilTheNextSync) {
+  auto corrupt = Frame(ReceivedFirmwareBlock(10, 20));
+  corrupt.back() ^= 0xFF;
+  const auto out =
+      Printed(Concat({Frame(ReceivedFirmwareBlock(-1, 10)), corrupt, Frame(ReceivedFirmwareBlock(20, 30))}));
+  EXPECT_EQ(Count(out, "CHOKE\n"), corrupt.size());
+  EXPECT_EQ(Count(out, "\033[0;31mfw-updater Debug: [ERROR] -- Failed to Unpack ReceivedFirmwareBlock [4]\033[0m\n"),
+            1u);
+  const auto state = helper.State();
+  EXPECT_EQ(state.firstBlock, 10);
+  EXPECT_EQ(state.nextBlock, 30);
+  EXPECT_EQ(state.lastAckedBlock, 20);
+}
+
+// syslog() mirrors its records to stderr under LOG_PERROR: that is how the
+// two failures that never reach the console are seen.
+TEST_F(LinkTest, UnpackFailuresAreReportedInRedOrToSyslog) {
+  auto cut = [](Bytes frame, std::size_t by) { return Bytes(frame.begin(), frame.end() - by); };
+  auto flip = [](Bytes frame, std::size_t at) { return frame[at] ^= 0x10, frame; };
+  const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- Failed to Unpack ";
+  const struct { Bytes frame; bool toSyslog; std::string message; } cases[] = {
+      {cut(Frame(UpdateInfo(1, 2, 64, 3)), 4), false, red + "UpdateInfo [1]\033[0m\n"},
+      {flip(Frame(UpdateComplete()), 4), false, red + "UpdateComplete [4]\033[0m\n"},
+      {flip(Frame(DatalinkPacketAck(7, true)), 8), true, "Failed to Unpack DataLink Packet ACK [4]"},
+      {cut(Frame(UpdateError()), 1), true, "Failed to Unpack UpdateError [1]"},
+  };
+  openlog("tallyvane-test", LOG_PERROR, LOG_USER);
+  for (const auto& c : cases) {
+    std::string out;
+    const auto err = Stderr([&] { out = Printed(c.frame); });
+    EXPECT_NE((c.toSyslog ? err : out).find(c.message), std::string::npos) << c.message << out << err;
+  }
+  closelog();
+  EXPECT_EQ(helper.State().haveUpdateInfo + helper.State().updateCompleted, 0) << "failed frames change nothing";
+}
+
+TEST_F(LinkTest, ProgressLineIsThrottledExceptForTheLastReport) {
+  auto line = [](int last, int next) {
+    return "Processing ACK for firmware block, last byte: [" + std::to_string(last) + "], next byte: [" +
+           std::to_string(next) + "]\n";
+  };
+  EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(0, 64))), line(0, 64));
+  clock.Advance(500ms);
+  EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(64, 128))), "");
+  clock.Advance(500ms);  // exactly the interval since the last line: still quiet
+  EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(128, 192))), "");
+  EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(192, 0xFFFFFFFF))), line(192, -1));
+  EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(192, 0xFFFFFFFF))), line(192, -1));
+  clock.Advance(1ms);
+  EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(192, 256))), line(192, 256));
+}
+
+TEST_F(LinkTest, SecondUpdateCompleteIsIgnored) {
+  EXPECT_NE(Printed(Frame(UpdateComplete())).find("that the update has completed!"), std::string::npos);
+  auto sent = Sent();
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0][1], kApplyUpdate);
+  // Acknowledged, so that a second ApplyUpdate could not be held back by the queue.
+  Feed(Frame(DatalinkPacketAck(0, true)));
+  EXPECT_EQ(helper.PendingCount(), 0u);
+  EXPECT_EQ(Printed(Frame(UpdateComplete())), "");
+  EXPECT_TRUE(Sent().empty());
+  EXPECT_EQ(helper.State().updateCompleted, 1);
+  EXPECT_EQ(helper.State().nextBlock, -1);
+}
+
+TEST_F(LinkTest, UpdateErrorResetsEveryFieldAndEmptiesTheQueueSilently) {
+  Feed(Concat({Frame(UpdateInfo(3, 4, 64, 5)), Frame(ReceivedFirmwareBlock(-1, 40)),
+               Frame(ReceivedFirmwareBlock(40, 80))}));
+  helper.SendBlock(40, Bytes(8, 0x11));
+  Feed(Frame(UpdateComplete()));  // queues an ApplyUpdate behind the block
+  ASSERT_EQ(helper.PendingCount(), 2u);
+  ASSERT_EQ(helper.State().updateCompleted, 1);
+  ASSERT_NE(helper.State().lastSentBlock, -1);
+  EXPECT_EQ(Printed(Frame(UpdateError())), "");
+  const auto s = helper.State();
+  EXPECT_EQ(helper.PendingCount(), 0u);
+  EXPECT_EQ(s.updateCompleted, 0);
+  EXPECT_EQ(s.partialDlVer, 0);
+  EXPECT_EQ(s.downloadedBlocks, 0);
+  EXPECT_EQ(s.haveUpdateInfo, 0);
+  EXPECT_EQ(s.firstBlock, 0);
+  EXPECT_EQ(s.lastReceived, -1);
+  EXPECT_EQ(s.nextBlock, -1);
+  EXPECT_EQ(s.blockReportReceived, 0);
+  EXPECT_EQ(s.lastSentBlock, -1);
+  EXPECT_EQ(s.lastAckedBlock, -1);
+  EXPECT_EQ(s.flashSector, 5);  // not part of an update's progress
+}
+
+TEST_F(LinkTest, PacketsWantingAnAckWaitInTheQueueUntilAcknowledged) {
+  RequestUpdateInfo request;
+  ClearPendingUpdate clear;
+  DatalinkPacketAck noAck(1, true);
+  EXPECT_TRUE(helper.SendPacket(request));
+  EXPECT_FALSE(helper.SendPacket(clear));
+  EXPECT_TRUE(helper.SendPacket(noAck));  // never waits behind the queue
+  const auto sent = Sent();
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[0][1], kRequestUpdateInfo);
+  EXPECT_EQ(sent[1][1], kDatalinkPacketAck);
+  ASSERT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
+  Feed(Frame(DatalinkPacketAck(1, false)));  // a refusal changes nothing
+  EXPECT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
+  Feed(Frame(DatalinkPacketAck(1, true)));
+  EXPECT_EQ(helper.PendingSequences(), (Bytes{0}));
+  Feed(Frame(DatalinkPacketAck(9, true)));
+  EXPECT_EQ(helper.PendingSequences(), (Bytes{0}));
+  EXPECT_FALSE(helper.RemovePending(9));
+  EXPECT_TRUE(helper.RemovePending(0));
+  EXPECT_TRUE(helper.RemovePending(9));  // nothing outstanding: nothing to miss
+  helper.SendPacket(request);
+  helper.SendPacket(clear);
+  EXPECT_EQ(Stdout([&] { helper.ClearPending(); }),
+            "\033[0;36mfw-updater Debug: Clearing Vexalume packet queue\033[0m\n");
+  EXPECT_EQ(helper.PendingCount(), 0u);
+}
+
+TEST_F(LinkTest, SequenceNumbersWrapAfter255) {
+  DatalinkPacketAck packet(0, true);
+  const auto out = Stdout([&] {
+    for (int i = 0; i < 258; ++i) ASSERT_TRUE(helper.SendPacket(packet));
+  });
+  const auto sent = Sent();
+  ASSERT_EQ(sent.size(), 258u);
+  for (std::size_t i = 0; i < sent.size(); ++i) ASSERT_EQ(sent[i][2], i % 256) << i;
+  EXPECT_NE(out.find(" ** Sending message pkt # [255]\n ** Sending message pkt # [0]\n"), std::string::npos);
+}
+
+TEST_F(LinkTest, ResendExpiredSendsTheOldestOnlyAfterTheTimeout) {
+  RequestUpdateInfo first;
+  ApplyUpdate second;
+  helper.SendPacket(first);
+  helper.SendPacket(second);
+  const auto original = Sent();
+  ASSERT_EQ(original.size(), 1u);
+  auto resend = [&] { return Stderr([&] { EXPECT_TRUE(helper.ResendExpired()); }); };
+  clock.Advance(3000ms);
+  EXPECT_EQ(resend(), "");
+  EXPECT_TRUE(Sent().empty());
+  clock.Advance(1ns);
+  EXPECT_EQ(resend(), "VYR cam expired ACK [#0], resending.\n");
+  EXPECT_EQ(Sent(), original);
+  EXPECT_EQ(resend(), "");  // the resend restarted its timer
+  EXPECT_TRUE(Sent().empty());
+  // Once the first is acknowledged, the one queued behind it leaves the same way.
+  helper.RemovePending(0);
+  clock.Advance(3001ms);
+  EXPECT_EQ(resend(), "VYR cam expired ACK [#1], resending.\n");
+  const auto again = Sent();
+  ASSERT_EQ(again.size(), 1u);
+  EXPECT_EQ(again[0][1], kApplyUpdate);
+  EXPECT_EQ(again[0][2], 1);
+}
+
+TEST_F(LinkTest, PacketSizeDropsToOneAfterAFailedWaitAndClimbsBackTo64) {
+  ASSERT_TRUE(helper.SendBlock(0, {1}));  // never reported by the board
+  std::string out;
+  EXPECT_EQ(Stderr([&] { out = Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 1); }); }),
+            "Caught ACK timeout! Still waiting...\n");
+  EXPECT_NE(out.find("Tallyvane ACK status: 1\n\033[0;36mfw-updater Debug: Clearing Vexalume packet queue\033[0m\n"
+                     "********************* Dropping packet size to [1]\n"),
+            std::string::npos);
+  EXPECT_EQ(helper.PacketSize(), 1);
+  EXPECT_EQ(helper.PendingCount(), 0u);
+  // Three attempts, each 167 polls of 30 ms and 12 pauses of 250 ms.
+  EXPECT_EQ(clock.Sleeps(), 3 * (167 + 12));
+  EXPECT_EQ(clock.Slept(), 3 * (167 * 30ms + 12 * 250ms));
+  for (int expected : {2, 4, 8, 16, 32, 64}) {
+    SendAndReport();
+    EXPECT_NE(Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); })
+                  .find("Bumping packet size to [" + std::to_string(expected) + "]\n"),
+              std::string::npos);
+    EXPECT_EQ(helper.PacketSize(), expected);
+  }
+  // At the top it stays there, without a word about it.
+  SendAndReport();
+  EXPECT_EQ(Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); }),
+            "[Talyvane] waiting for ACK!\nTallyvane ACK status: 0\n");
+  EXPECT_EQ(helper.PacketSize(), 64);
+}
+
+TEST_F(LinkTest, ReportBeyondTheLastSentBlockIsTakenAsAMissedAck) {
+  SendAndReport(100);
+  const int reported = helper.State().lastAckedBlock;
+  const auto out = Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); });
+  EXPECT_EQ(Count(out, "************************************* Debug: Possible missed ACK?\n"), 1u);
+  const std::string both = std::to_string(reported);
+  EXPECT_NE(out.find("Last Acked: [" + both + "], last sent: [" + both + "]\n"), std::string::npos);
+  EXPECT_EQ(helper.State().lastSentBlock, reported);
+  // One 30 ms poll for the report, one 250 ms pause before the second round.
+  EXPECT_EQ(clock.Slept(), 30ms + 250ms);
+}
+
+std::uint16_t Checksum(const Bytes& bytes) {
+  std::uint16_t sum = 0;
+  Stdout([&] { sum = Tallyvane::tallyvane_checksum(reinterpret_cast<const char*>(bytes.data()), bytes.size()); });
+  return sum;
+}
+
+TEST(TallyvaneChecksum, IsTheByteSumSubtractedFrom256) {
+  EXPECT_EQ(Checksum({}), 256);
+  EXPECT_EQ(Checksum({200, 56}), 0);
+  EXPECT_EQ(Checksum({255, 45}), 65492);
+  // 300 bytes of 0xFF sum to 76500, which wraps to 10964 in 16 bits.
+  EXPECT_EQ(Checksum(Bytes(300, 0xFF)), static_cast<std::uint16_t>(256 - 10964));
+}
+
+TEST_F(LinkTest, NewerImageIsAnnouncedThenSentInChunksFromTheBoardsPosition) {
+  // Larger than one checksum piece, so the sum is carried across pieces.
+  Bytes image(200000);
+  std::mt19937 random(7);
+  for (auto& b : image) b = static_cast<std::uint8_t>(random());
+  const auto path = dir.Write("tallyvane-7.bin", std::string(image.begin(), image.end()));
+  ASSERT_EQ(Check(), 1);
+  EXPECT_EQ(clock.Sleeps(), 1);
+  ASSERT_EQ(sentByCheck.size(), 2u);
+  EXPECT_EQ(sentByCheck[0][1], kRequestUpdateInfo);
+  UpdateAvailable announce;
+  ASSERT_EQ(announce.Unpack(reinterpret_cast<const char*>(sentByCheck[1].data()), sentByCheck[1].size()), 0);
+  EXPECT_EQ(announce.Version(), 7);
+  EXPECT_EQ(announce.Hash(), Checksum(image));
+  EXPECT_EQ(announce.Chunks(), image.size());
+  EXPECT_TRUE(helper.HaveUpdateFile());
+  const auto send = [&](int at, int result) {
+    return Stderr([&] { EXPECT_EQ(helper.SendFirmwareBlock(at), result) << at; });
+  };
+  EXPECT_EQ(send(1000, 1), "");
+  EXPECT_EQ(SentBlockData(), Bytes(image.begin() + 1000, image.begin() + 1064));
+  EXPECT_EQ(send(199970, 1),
+            "Chunk #[199970] extends past file (length [200000]), this should be the last chunk!\n"
+            "Couldn't read full [64] bytes into chunk, only read [30] bytes.\n");
+  EXPECT_EQ(SentBlockData(), Bytes(image.end() - 30, image.end()));
+  EXPECT_EQ(send(200000, 1),
+            "Chunk #[200000] extends past file (length [200000]), this should be the last chunk!\n"
+            "Couldn't read full [64] bytes into chunk, only read [0] bytes.\n");
+  EXPECT_TRUE(SentBlockData().empty());
+  EXPECT_EQ(send(200001, 0),
+            "Calculated chunk start of [200001] which is larger than the firmware file... aborting update.\n");
+  std::filesystem::remove(path);
+  send(0, 0);
+  EXPECT_TRUE(Sent().empty());
+}
+
+TEST_F(LinkTest, ImageNotNewerThanTheBoardOrNoImageMeansNoUpdate) {
+  dir.Write("tallyvane-5.bin", "abc");
+  EXPECT_EQ(Check(), 0);
+  EXPECT_EQ(lastOut.find("Checksum"), std::string::npos);
+  EXPECT_EQ(helper.PackageVersion(), 5);
+  std::filesystem::remove(dir / "tallyvane-5.bin");
+  dir.Write("board-version", "garbage");  // the board's version is unknown too
+  EXPECT_EQ(Check(), 0);
+  EXPECT_EQ(sentByCheck.size(), 1u) << "nothing announced";
+  EXPECT_FALSE(helper.HaveUpdateFile());
+}
+
+}  // namespace
