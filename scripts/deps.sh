@@ -1,6 +1,6 @@
 # Sourced by the other scripts: makes sure the Debian packages the build
 # and the tests need are installed.
-FWU_PACKAGES="cmake g++ make pkg-config libboost-dev libsdbus-c++-dev libsdbus-c++-bin \
+FWU_PACKAGES="cmake g++ make pkg-config libboost-dev libsdbus-c++-dev \
 libsystemd-dev dbus-daemon libgtest-dev libgmock-dev libbenchmark-dev"
 
 fwu_install_deps() {
