@@ -1,10 +1,11 @@
-// Test base for everything that talks to camd-sim: one private bus per
-// suite, one simulator per test (each test configures its own camera).
+// Base for tests that talk to camd-sim: a private bus per suite, a simulator and firmware directory per test.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "fake_clock.hpp"
 #include "private_bus.hpp"
 
 namespace Updater::Testing {
@@ -21,37 +23,48 @@ inline std::size_t CountOf(const std::string& text, const std::string& needle) {
   for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
   return count;
 }
-
 inline std::vector<unsigned char> RandomBytes(std::size_t n, unsigned seed) {
   std::mt19937 gen(seed);
   std::vector<unsigned char> bytes(n);
   for (auto& b : bytes) b = static_cast<unsigned char>(gen());
   return bytes;
 }
-
-inline void WriteFile(const std::string& path, const std::vector<unsigned char>& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
-
 inline std::vector<unsigned char> ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), {});
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Bit by bit from the definition (poly 0x1021, init 0xFFFF, MSB first, no
+// reflection, no final XOR), independent of the code under test.
+inline unsigned ReferenceCrc(const std::vector<unsigned char>& bytes) {
+  unsigned crc = 0xFFFF;
+  for (unsigned char byte : bytes) {
+    crc ^= static_cast<unsigned>(byte) << 8;
+    for (int bit = 0; bit < 8; ++bit) crc = ((crc << 1) ^ (crc & 0x8000 ? 0x1021 : 0)) & 0xFFFF;
+  }
+  return crc;
+}
+inline std::string Hex(unsigned value) { char text[16]; std::snprintf(text, sizeof text, "%x", value); return text; }
+
+struct Captured { std::string out, err; };
+template <class F> Captured Capture(F&& f) {
+  ::testing::internal::CaptureStdout(), ::testing::internal::CaptureStderr();
+  f();
+  return {::testing::internal::GetCapturedStdout(), ::testing::internal::GetCapturedStderr()};
 }
 
 class CamdBusTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { bus_ = std::make_unique<PrivateBus>(); }
   static void TearDownTestSuite() { bus_.reset(); }
-
   void SetUp() override {
-    // The camera check leaves std::cout hexadecimal; every test starts decimal.
+    // The update check leaves std::cout hexadecimal; every test starts decimal.
     std::cout.flags(std::ios::dec | std::ios::skipws);
+    fwDir_ = bus_->Dir() + "/fw-" + ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::filesystem::create_directories(fwDir_);
+    setenv("QUORVEX_FIRMWARE_DIR", fwDir_.c_str(), 1);
   }
-  void TearDown() override {
-    sim_.reset();
-    std::cout.flags(std::ios::dec | std::ios::skipws);
-  }
+  void TearDown() override { unsetenv("QUORVEX_FIRMWARE_DIR"); }  // the directory goes with the bus
 
   void StartSim(const std::vector<std::string>& args) {
     sim_.reset();  // the service name is free again before the next one asks for it
@@ -61,10 +74,19 @@ class CamdBusTest : public ::testing::Test {
   std::size_t SimCalls(const std::string& method) const {
     return CountOf(sim_->Log(), "]: " + method + " ") + CountOf(sim_->Log(), "]: " + method + "\n");
   }
-  std::string Dir() const { return bus_->Dir(); }
+  // Puts a camera package for region 0 in place; returns its path.
+  std::string AddPackage(int version, const std::vector<unsigned char>& bytes) {
+    const std::string path = fwDir_ + "/camera-region0-" + std::to_string(version) + ".bin";
+    std::ofstream(path, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return path;
+  }
+  std::string OutPath() const { return fwDir_ + "/received.bin"; }
 
   static inline std::unique_ptr<PrivateBus> bus_;
   std::unique_ptr<CamdSimProcess> sim_;
+  std::string fwDir_;
+  FakeClock clock_;
 };
 
 }  // namespace Updater::Testing

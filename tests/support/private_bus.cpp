@@ -9,105 +9,84 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 
 namespace Updater::Testing {
-
 namespace {
 
 std::string ReadWhole(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-std::string TrimLine(std::string s) {
-  while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
-  return s;
-}
-
-// A daemon that has forked away is reaped by whoever adopted it, maybe
-// never (a container's init may not reap), so a zombie counts as gone.
+// The daemon forks away, so whoever adopted it reaps it, maybe never (a
+// container's init may not): a zombie counts as gone.
 bool Alive(pid_t pid) {
   if (kill(pid, 0) != 0) return false;
   std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string pidText, comm, state;
-  stat >> pidText >> comm >> state;
+  std::string field, state;
+  stat >> field >> field >> state;
   return state != "Z";
 }
 
+bool CamdOnBus() {
+  try {
+    auto connection = sdbus::createSessionBusConnection();
+    bool owned = false;
+    sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")
+        ->callMethod("NameHasOwner").onInterface("org.freedesktop.DBus")
+        .withArguments(std::string("com.quorvex.common.Camd1")).storeResultsTo(owned);
+    return owned;
+  } catch (const sdbus::Error&) {
+    return false;  // the bus may still be settling; ask again
+  }
+}
 }  // namespace
 
 PrivateBus::PrivateBus() {
   char templ[] = "/tmp/fwu-bus-XXXXXX";
   if (!mkdtemp(templ)) throw std::runtime_error("mkdtemp failed");
   dir_ = templ;
-
-  const std::string command = "dbus-daemon --session --fork --print-address=1 --print-pid=1 "
-                              "--address=unix:dir=" + dir_;
+  const std::string command =
+      "dbus-daemon --session --fork --print-address=1 --print-pid=1 --address=unix:dir=" + dir_;
+  char address[1024] = "", pid[64] = "";
   FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) throw std::runtime_error("cannot run dbus-daemon");
-  char line[1024];
-  std::string address, pid;
-  if (fgets(line, sizeof line, pipe)) address = TrimLine(line);
-  if (fgets(line, sizeof line, pipe)) pid = TrimLine(line);
-  pclose(pipe);
-  if (address.empty() || pid.empty()) {
+  const bool reported = pipe && fgets(address, sizeof address, pipe) && fgets(pid, sizeof pid, pipe);
+  if (pipe) pclose(pipe);
+  address[std::strcspn(address, "\r\n")] = '\0';
+  if (!reported) {
     std::filesystem::remove_all(dir_);
     throw std::runtime_error("dbus-daemon did not report its address and pid");
   }
-  address_ = address;
-  pid_ = static_cast<pid_t>(std::stol(pid));
-
-  if (const char* old = std::getenv("DBUS_SESSION_BUS_ADDRESS")) {
-    hadAddress_ = true;
-    oldAddress_ = old;
-  }
-  setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
+  pid_ = std::atoi(pid);
+  if (const char* old = std::getenv("DBUS_SESSION_BUS_ADDRESS")) oldAddress_ = old;
+  setenv("DBUS_SESSION_BUS_ADDRESS", address, 1);
 }
 
 PrivateBus::~PrivateBus() {
-  if (pid_ > 0 && kill(pid_, SIGTERM) == 0) {
-    // Not our child (it forked away), so poll rather than wait.
-    for (int i = 0; i < 200 && Alive(pid_); ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  if (hadAddress_)
-    setenv("DBUS_SESSION_BUS_ADDRESS", oldAddress_.c_str(), 1);
-  else
-    unsetenv("DBUS_SESSION_BUS_ADDRESS");
+  if (kill(pid_, SIGTERM) == 0)
+    for (int i = 0; i < 200 && Alive(pid_); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  oldAddress_ ? setenv("DBUS_SESSION_BUS_ADDRESS", oldAddress_->c_str(), 1)
+              : unsetenv("DBUS_SESSION_BUS_ADDRESS");
   std::error_code ignored;
   std::filesystem::remove_all(dir_, ignored);
 }
 
-bool NameHasOwner(const std::string& name) {
-  auto connection = sdbus::createSessionBusConnection();
-  auto proxy = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
-  bool owned = false;
-  proxy->callMethod("NameHasOwner").onInterface("org.freedesktop.DBus").withArguments(name).storeResultsTo(owned);
-  return owned;
-}
-
 CamdSimProcess::CamdSimProcess(const std::string& binary, const std::vector<std::string>& args,
-                               const std::string& workDir, std::chrono::milliseconds startTimeout) {
+                               const std::string& workDir) {
   static std::atomic<int> serial{0};
-  const std::string stem = workDir + "/camd-sim." + std::to_string(getpid()) + "." +
-                           std::to_string(serial.fetch_add(1));
-  outPath_ = stem + ".out";
-  errPath_ = stem + ".log";
-
-  std::vector<std::string> store{binary};
-  store.insert(store.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& a : store) argv.push_back(a.data());
+  stem_ = workDir + "/camd-sim." + std::to_string(getpid()) + "." + std::to_string(serial++);
+  std::vector<char*> argv{const_cast<char*>(binary.c_str())};
+  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
 
   pid_ = fork();
@@ -115,24 +94,20 @@ CamdSimProcess::CamdSimProcess(const std::string& binary, const std::vector<std:
   if (pid_ == 0) {
     // A test that dies without its teardown must not leave camd-sim behind.
     prctl(PR_SET_PDEATHSIG, SIGTERM);
-    const int out = open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int err = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (out < 0 || err < 0) _exit(126);
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
+    for (const auto& [fd, ext] : {std::pair{STDOUT_FILENO, ".out"}, std::pair{STDERR_FILENO, ".log"}}) {
+      const int file = open((stem_ + ext).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (file < 0 || dup2(file, fd) < 0) _exit(126);
+    }
     execv(binary.c_str(), argv.data());
     _exit(127);
   }
-
-  const auto deadline = std::chrono::steady_clock::now() + startTimeout;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (std::chrono::steady_clock::now() < deadline) {
-    if (WaitExit(std::chrono::milliseconds(0)))
+    if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
+      pid_ = -1;
       throw std::runtime_error("camd-sim exited at start: " + Log());
-    try {
-      if (NameHasOwner("com.quorvex.common.Camd1")) return;
-    } catch (const sdbus::Error&) {
-      // The bus may still be settling; ask again.
     }
+    if (CamdOnBus()) return;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   Stop();
@@ -142,36 +117,18 @@ CamdSimProcess::CamdSimProcess(const std::string& binary, const std::vector<std:
 CamdSimProcess::~CamdSimProcess() {
   Stop();
   std::error_code ignored;
-  std::filesystem::remove(outPath_, ignored);
-  std::filesystem::remove(errPath_, ignored);
+  for (const char* ext : {".out", ".log"}) std::filesystem::remove(stem_ + ext, ignored);
 }
 
-std::string CamdSimProcess::Out() const { return ReadWhole(outPath_); }
-std::string CamdSimProcess::Log() const { return ReadWhole(errPath_); }
-
-bool CamdSimProcess::WaitExit(std::chrono::milliseconds timeout, int* status) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!reaped_) {
-    const pid_t r = waitpid(pid_, &status_, WNOHANG);
-    if (r == pid_ || (r < 0 && errno == ECHILD)) {
-      reaped_ = true;
-      break;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+void CamdSimProcess::Stop() {
+  if (pid_ <= 0) return;
+  kill(pid_, SIGTERM);
+  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
   }
-  if (status) *status = status_;
-  return true;
+  pid_ = -1;
 }
 
-int CamdSimProcess::Stop() {
-  if (pid_ > 0 && !reaped_) {
-    kill(pid_, SIGTERM);
-    while (waitpid(pid_, &status_, 0) < 0 && errno == EINTR) {
-    }
-    reaped_ = true;
-  }
-  return status_;
-}
+std::string CamdSimProcess::Out() const { return ReadWhole(stem_ + ".out"); }
+std::string CamdSimProcess::Log() const { return ReadWhole(stem_ + ".log"); }
 
 }  // namespace Updater::Testing

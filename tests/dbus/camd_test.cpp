@@ -1,0 +1,267 @@
+// The camd client and the camera helper in process against camd-sim, on a fake clock (no real waits).
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "camd_fixture.hpp"
+#include "dbus/bus.hpp"
+#include "dbus/camd_methods.hpp"
+#include "dbus/errors.hpp"
+#include "helpers/camera/vyr_camera.hpp"
+#include "sm/update_machine.hpp"
+
+namespace Updater::Testing {
+namespace {
+
+using namespace std::chrono_literals;
+using CamdTest = CamdBusTest;
+
+// The client and camd-sim both build their calls from the table, so only the
+// published interface can tell a wrong signature in it.
+TEST(CamdMethodTable, MatchesTheDocumentedInterface) {
+  std::ifstream in(FWU_SOURCE_DIR "/docs/camd-firmware.xml");
+  const std::string xml((std::istreambuf_iterator<char>(in)), {});
+  ASSERT_NE(xml.find(std::string("<interface name=\"") + Camd::kInterface + "\">"), std::string::npos);
+  // The attribute value whose opening quote is at `q`.
+  const auto quoted = [](const std::string& text, std::size_t q) { return text.substr(q + 1, text.find('"', q + 1) - q - 1); };
+  std::size_t row = 0;
+  for (auto at = xml.find("<method name="); at != std::string::npos; at = xml.find("<method name=", at + 1), ++row) {
+    const std::string block = xml.substr(at, xml.find("</method>", at) - at), name = quoted(block, 13);
+    std::string sig[2];  // in, out
+    for (auto t = block.find("type="); t != std::string::npos; t = block.find("type=", t + 1))
+      sig[quoted(block, block.find("direction=", t) + 10) == "out"] += quoted(block, t + 5);
+    ASSERT_LT(row, Camd::kMethods.size()) << name;
+    const auto& method = Camd::kMethods[row];
+    EXPECT_EQ(name + "(" + sig[0] + ")" + sig[1] + (block.find("Method.NoReply") != std::string::npos ? " noreply" : ""),
+              method.name + ("(" + std::string(method.in) + ")") + method.out + (method.reply == Camd::Reply::None ? " noreply" : ""));
+  }
+  EXPECT_EQ(row, Camd::kMethods.size());
+}
+
+TEST_F(CamdTest, ResultsArgumentTypesAndRetries) {
+  StartSim({"--version=7", "--region=3", "--error=GetFlashRegion@1-4", "--error=GetCameraFirmwareVersion@1-5"});
+  Helpers::VyrCamera camera("0", clock_);
+  auto& camd = camera.Proxy();
+  int version = 0, chunks = -1, region = 0;
+  const auto run = Capture([&] {
+    version = camd.GetCameraFirmwareVersion(), chunks = camd.GetPreviouslyDownloadedChunks(), region = camd.GetFlashRegion();
+  });
+  EXPECT_EQ(run.out, "Asking camd for firmware version\nAsking camd for downloaded chunks\n");
+  EXPECT_EQ(version, -1);  // five error replies: five tries
+  EXPECT_EQ(region, 3);    // four: the fifth try's answer
+  EXPECT_EQ(chunks, 0);
+  EXPECT_EQ(CountOf(run.err, "Dbus::Error: injected failure of GetCameraFirmwareVersion\n"), 5u) << run.err;
+  EXPECT_EQ(CountOf(run.err, "Dbus::Error: injected failure of GetFlashRegion\n"), 4u) << run.err;
+  EXPECT_EQ(CountOf(run.err, "Dbus::Error: "), 9u) << run.err;
+  // No sixth try: the next operation's single call is camd's sixth.
+  EXPECT_EQ(camd.GetCameraFirmwareVersion(), 7);
+  EXPECT_EQ(SimCalls("GetCameraFirmwareVersion"), 6u);
+
+  // camd-sim registers `iii` and `iay`; the bus refuses a body of other types.
+  EXPECT_TRUE(camd.SendUpdateAvailable(5, 0xFFFF, 0) && camd.SendUpdateAvailable(-2, 0, 2147483647) &&
+              camd.SendFirmwareBlock(0, {}) && camd.SendFirmwareBlock(-1, {0x00, 0xff, 0x80}));
+  const std::string log = sim_->Log();
+  for (const char* line : {"SendUpdateAvailable version=5 checksum=65535 length=0 -> true",
+                           "SendUpdateAvailable version=-2 checksum=0 length=2147483647 -> true",
+                           "SendFirmwareBlock position=0 bytes=0 -> true", "SendFirmwareBlock position=-1 bytes=3 -> true"})
+    EXPECT_EQ(CountOf(log, line), 1u) << line;
+}
+
+TEST_F(CamdTest, CamdAbsentEveryReplyMethodFailsAfterFiveTries) {
+  Helpers::VyrCamera camera("0", clock_);
+  auto& camd = camera.Proxy();
+  const std::vector<std::pair<long, std::function<long()>>> calls = {
+      {-1, [&] { return camd.GetCameraFirmwareVersion(); }}, {-1, [&] { return camd.GetPreviouslyDownloadedChunks(); }},
+      {-1, [&] { return camd.GetFlashRegion(); }}, {-1, [&] { return camd.GetNextFirmwareBlock(); }},
+      {0, [&] { return camd.SendUpdateAvailable(1, 2, 3); }}, {0, [&] { return camd.UpdateInfoReceived(); }},
+      {0, [&] { return camd.SendFirmwareBlock(0, {1, 2}); }}};
+  for (const auto& [failure, call] : calls) {
+    long result = 42;
+    const auto err = Capture([&, &call = call] { result = call(); }).err;
+    EXPECT_EQ(result, failure);
+    EXPECT_EQ(CountOf(err, "Dbus::Error: "), 5u) << err;
+    EXPECT_EQ(CountOf(err, "Dbus::Error: The name com.quorvex.common.Camd1 was not provided"), 5u) << err;
+  }
+  // Nobody waits for an answer that is never asked for.
+  EXPECT_EQ(Capture([&] { camd.RequestUpdateInfo(), camd.ClearPendingUpdate(), camd.DequeuePacket(); }).err, "");
+}
+
+TEST_F(CamdTest, WrongReplyTypeEscapesOnTheFirstTry) {
+  StartSim({"--wrong-type=GetFlashRegion", "--wrong-type=UpdateInfoReceived", "--wrong-type=SendFirmwareBlock",
+            "--wrong-type=GetFirstUpdateBlock", "--wrong-type=WaitForAck"});
+  Helpers::VyrCamera camera("0", clock_);
+  auto& camd = camera.Proxy();
+  const std::vector<std::pair<std::string, std::function<void()>>> calls = {
+      {"GetFlashRegion", [&] { camd.GetFlashRegion(); }},  // b where i belongs
+      {"UpdateInfoReceived", [&] { camd.UpdateInfoReceived(); }},  // i where b belongs
+      {"SendFirmwareBlock", [&] { camd.SendFirmwareBlock(0, {7}); }},
+      {"GetFirstUpdateBlock", [&] { camd.GetFirstUpdateBlock(); }}, {"WaitForAck", [&] { camd.WaitForAck(); }}};
+  for (const auto& [name, call] : calls) {
+    std::string what;  // a std::exception: inside the machine it reaches the exception hook
+    const auto err = Capture([&, &call = call] {
+      try { call(); } catch (const Dbus::ReplyTypeMismatch& e) { what = e.what(); }
+    }).err;
+    EXPECT_NE(what.find(name), std::string::npos) << name << ": " << what;
+    EXPECT_EQ(CountOf(err, "Dbus::Error: "), 0u) << err;
+    EXPECT_EQ(SimCalls(name), 1u) << name;
+  }
+  EXPECT_EQ(SimCalls("DequeuePacket"), 0u);
+}
+
+TEST_F(CamdTest, ClientsInOneProcessKeepTheIndexTextAsTyped) {
+  StartSim({"--camera=0", "--camera=12", "--camera=03", "--version=4"});
+  // Alone in its process (ctest) the first is the first bring-up; in one binary with the others it may not be.
+  const bool before = Dbus::Initialized();
+  for (const std::string index : {"0", "12", "03"}) {
+    std::unique_ptr<Helpers::VyrCamera> camera;
+    const auto run = Capture([&] { camera = std::make_unique<Helpers::VyrCamera>(index, clock_); });
+    EXPECT_EQ(run.out, index == "0" && !before ? "Initializing dbus-cxx\n" : "dbus-cxx already initialized\n");
+    EXPECT_EQ(camera->Proxy().Path(), "/com/quorvex/common/Camd1/Camera" + index);
+    EXPECT_EQ(camera->Proxy().GetCameraFirmwareVersion(), 4) << index;
+  }
+}
+
+TEST_F(CamdTest, AckWaitAdaptsThePacketSize) {
+  const std::string lost = "Caught ACK timeout! Still waiting...\n";
+  const std::string drop = "camd ACK status: 1\n********************* Dropping packet size to [";
+  const struct {
+    std::vector<std::string> sim;
+    int size, status;
+    std::string out, err;  // out: after "camd waiting for ACK!\n"
+    int endSize, polls, dequeues, sleeps;
+  } rows[] = {
+      {{"--lose-acks=1-10"}, 64, 1, drop + "32]\n", lost, 32, 10, 1, 10},
+      {{"--lose-acks=1-3"}, 16, 0, "camd ACK status: 0\nBumping packet size to [32]\n", "", 32, 4, 0, 3},
+      // Not a halving of 64 but below the ceiling: it doubles past 64.
+      {{}, 63, 0, "camd ACK status: 0\nBumping packet size to [126]\n", "", 126, 1, 0, 0},
+      {{"--ack-status=1-:5"}, 64, 5, "camd ACK status: 5\n", "", 64, 10, 0, 10},
+      {{"--error=WaitForAck@1"}, 64, 1, "Exception caught: [com.quorvex.common.Camd1.Error.Injected] injected "
+       "failure of WaitForAck\n" + drop + "32]\n", lost, 32, 1, 1, 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.out);
+    StartSim(row.sim);
+    FakeClock clock;
+    Helpers::VyrCamera camera("0", clock);
+    auto& camd = camera.Proxy();
+    camd.packetSize = row.size;
+    camd.SendUpdateAvailable(2, 0, 1000);
+    camd.SendFirmwareBlock(0, std::vector<unsigned char>(64, 1));  // something to acknowledge
+    int status = -1;
+    const auto run = Capture([&] { status = camera.WaitForAck(0); });
+    camd.GetFlashRegion();  // answered, so camd has handled any DequeuePacket sent before it
+    EXPECT_EQ(status, row.status);
+    EXPECT_EQ(run.out, "camd waiting for ACK!\n" + row.out);
+    EXPECT_EQ(run.err, row.err);
+    EXPECT_EQ(camd.packetSize, row.endSize);
+    EXPECT_EQ(SimCalls("WaitForAck"), static_cast<std::size_t>(row.polls));
+    EXPECT_EQ(SimCalls("DequeuePacket"), static_cast<std::size_t>(row.dequeues));
+    EXPECT_EQ(clock.Slept(), row.sleeps * 200ms);
+  }
+}
+
+TEST_F(CamdTest, PollsAndTheChecksumOfALargeImage) {
+  StartSim({"--first=-1", "--error=GetFirstUpdateBlock@13", "--info-false=101", "--version=1"});
+  const auto image = RandomBytes(3 * 65536 + 1234, 42);  // several checksum pieces, ending mid-piece
+  AddPackage(2, image);
+  Helpers::VyrCamera camera("0", clock_);
+  int first = 0, update = 0;
+  EXPECT_EQ(Capture([&] { first = camera.GetFirstUpdateBlock(); }).out, "Asking camd for first update block (really)\n");
+  EXPECT_EQ(first, -1);
+  EXPECT_EQ(SimCalls("GetFirstUpdateBlock"), 10u);
+  EXPECT_EQ(clock_.Slept(), 2s);
+  // The third poll meets an error: the last answer, with no retry.
+  EXPECT_EQ(Capture([&] { first = camera.GetFirstUpdateBlock(); }).err, "Dbus::Error: injected failure of GetFirstUpdateBlock\n");
+  EXPECT_EQ(first, -1);
+  EXPECT_EQ(SimCalls("GetFirstUpdateBlock"), 13u);
+  EXPECT_EQ(clock_.Slept(), 2s + 2 * 200ms);
+
+  // The 102nd and last answer about the update info still counts.
+  const auto run = Capture([&] { update = camera.CheckForUpdate(); });
+  EXPECT_EQ(update, 1);
+  EXPECT_EQ(SimCalls("UpdateInfoReceived"), 102u);
+  EXPECT_EQ(clock_.Slept(), 2s + 2 * 200ms + 101 * 100ms);
+  ASSERT_EQ(ReferenceCrc({'1', '2', '3', '4', '5', '6', '7', '8', '9'}), 0x29b1u);  // the catalogue check value
+  const unsigned crc = ReferenceCrc(image), size = static_cast<unsigned>(image.size());
+  EXPECT_NE(run.out.find("\nChecksum:" + Hex(crc) + "\nThis file [" + Hex(size) + "] contains [" + Hex(size) + "] chunks of [40]\n"),
+            std::string::npos) << run.out;
+  EXPECT_EQ(CountOf(sim_->Log(), "SendUpdateAvailable version=2 checksum=" + std::to_string(crc) +
+                                     " length=" + std::to_string(size) + " -> true"), 1u);
+  EXPECT_EQ(Capture([] { std::cout << 255 << std::endl; }).out, "ff\n");  // stdout stays hex
+}
+
+TEST_F(CamdTest, BlockReadsAtTheEdgesOfTheFile) {
+  StartSim({});
+  AddPackage(2, RandomBytes(1000, 7));
+  Helpers::VyrCamera camera("0", clock_);
+  Capture([&] { EXPECT_EQ(camera.CheckForUpdate(), 1); });
+  const std::string past = "extends past file (length [1000]), this should be the last chunk!\n";
+  const std::string shortRead = "Couldn't read full [64] bytes into chunk, only read [";
+  const struct {
+    int block, packet, result, sent;  // sent: bytes camd receives, or -1
+    std::string out, err;
+  } rows[] = {
+      {960, 64, 1, 40, "This block: [3c0], blockSize: [40]\n", "Chunk #[960] " + past + shortRead + "40] bytes.\n"},
+      {1000, 64, 1, 0, "This block: [3e8], blockSize: [40]\n", "Chunk #[1000] " + past + shortRead + "0] bytes.\n"},
+      {1001, 64, 0, -1, "This block: [3e9], blockSize: [40]\n",
+       "Calculated chunk start of [1001] which is larger than the firmware file... aborting update.\n"},
+      {0, 64, 1, 64, "This block: [0], blockSize: [40]\n", ""},
+      {0, 0, 0, -1, "", "Invalid chunk size from camd: [0], can't update camera firmware.\n"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.block);
+    camera.Proxy().packetSize = row.packet;
+    const std::size_t sentBefore = SimCalls("SendFirmwareBlock");
+    int result = -1;
+    const auto run = Capture([&] { result = camera.SendFirmwareBlock(row.block); });
+    EXPECT_EQ(result, row.result);
+    EXPECT_EQ(run.out, row.out + (row.sent >= 0 ? "Sending camd firmware block\n" : ""));
+    EXPECT_EQ(run.err, row.err);
+    EXPECT_EQ(SimCalls("SendFirmwareBlock") - sentBefore, row.sent >= 0 ? 1u : 0u);
+    const std::string sent = "position=" + std::to_string(row.block) + " bytes=" + std::to_string(row.sent) + " -> true";
+    EXPECT_EQ(CountOf(sim_->Log(), sent), row.sent >= 0 ? 1u : 0u);
+  }
+}
+
+TEST_F(CamdTest, WholeUpdatesArriveIntact) {
+  const struct {
+    std::size_t length;
+    std::vector<std::string> sim, has;  // has: in what the updater or camd-sim wrote
+    std::size_t dequeues, sends;
+  } rows[] = {
+      {0, {}, {"Checksum:ffff\nThis file [0] contains [0] chunks of [40]\n", "position=0 bytes=0 -> true"}, 0, 1},
+      // Ten lost answers for the second chunk: dropped, resent at half size, grown back.
+      {700, {"--lose-acks=2-11"},
+       {"camd ACK status: 1\n********************* Dropping packet size to [20]\nReady with block #40\n",
+        "Bumping packet size to [40]\n", "position=64 bytes=64 -> true", "position=64 bytes=32 -> true"}, 1, 13},
+      // Seven lost chunks in a row: 64 -> 32 -> ... -> 1, and once more at 1.
+      {300, {"--lose-acks=1-70"}, {"Bumping packet size to [2]\n", "Bumping packet size to [40]\n", "position=0 bytes=1 -> true"},
+       7, 17},
+      {1500, {"--first=1024", "--preload="}, {"                First:400\nReady with block #400\n",
+       "GetFirstUpdateBlock -> 1024\ncamd-sim[0]: SendFirmwareBlock position=1024 bytes=64"}, 0, 8},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.length);
+    const auto image = RandomBytes(row.length, 4);
+    const std::string path = AddPackage(3, image);
+    auto args = row.sim;
+    for (auto& arg : args)
+      if (arg == "--preload=") arg += path;  // camd holds the image up to the position it names
+    args.push_back("--out=" + OutPath());
+    StartSim(args);
+    Helpers::VyrCamera camera("0", clock_);
+    const auto run = Capture([&] {
+      SM::UpdateMachine machine;  // as main runs it
+      machine.SetHelper(&camera);
+      machine.start();
+    });
+    for (const auto& text : row.has) EXPECT_NE((run.out + sim_->Log()).find(text), std::string::npos) << text;
+    EXPECT_EQ(SimCalls("DequeuePacket"), row.dequeues);
+    EXPECT_EQ(SimCalls("SendFirmwareBlock"), row.sends);
+    EXPECT_EQ(ReadFile(OutPath()), image);
+    EXPECT_NE(sim_->Out().find("VERDICT ok camera=0 bytes=" + std::to_string(row.length)), std::string::npos);
+  }
+}
+
+}  // namespace
+}  // namespace Updater::Testing
