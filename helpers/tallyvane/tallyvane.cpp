@@ -132,6 +132,22 @@ void Tallyvane::Receive(const std::uint8_t* data, std::size_t count) {
   ProcessReceived();
 }
 
+namespace {
+// Unpacks the frame's packet as P and, when it unpacks, hands it to `handle`
+// and sets `length` to what the frame occupies after the sync bytes.
+// Returns Unpack's code.
+template <class P, class Handle>
+int UnpackAndHandle(const char* packet, std::size_t available, int& length, Handle&& handle) {
+  P unpacked;
+  const int result = unpacked.Unpack(packet, available);
+  if (result == 0) {
+    length = unpacked.Length();
+    handle(unpacked);
+  }
+  return result;
+}
+}  // namespace
+
 void Tallyvane::ProcessReceived() {
   if (rxBuffer.size() < 3) return;
   if (!StartsWithSync(rxBuffer)) {
@@ -149,61 +165,32 @@ void Tallyvane::ProcessReceived() {
     int length = 0;
 
     switch (type) {
-      case VYRCam::kDatalinkPacketAck: {
-        VYRCam::DatalinkPacketAck ack;
-        result = ack.Unpack(packet, available);
-        if (result == 0) {
-          length = ack.Length();
-          OnDatalinkAck(ack);
-        } else {
-          syslog(LOG_ERR, "Failed to Unpack DataLink Packet ACK [%d]", result);
-        }
+      case VYRCam::kDatalinkPacketAck:
+        result = UnpackAndHandle<VYRCam::DatalinkPacketAck>(packet, available, length,
+                                                            [&](const auto& ack) { OnDatalinkAck(ack); });
+        if (result != 0) syslog(LOG_ERR, "Failed to Unpack DataLink Packet ACK [%d]", result);
         break;
-      }
-      case VYRCam::kUpdateInfo: {
-        VYRCam::UpdateInfo info;
-        result = info.Unpack(packet, available);
-        if (result == 0) {
-          length = info.Length();
+      case VYRCam::kUpdateInfo:
+        result = UnpackAndHandle<VYRCam::UpdateInfo>(packet, available, length, [&](const auto& info) {
           OnUpdateInfo(info.PartialVersion(), info.DownloadedBlocks(), info.BlockSize(), info.FlashRegion());
-        } else {
-          Log::Error("Failed to Unpack UpdateInfo [", result, "]");
-        }
+        });
+        if (result != 0) Log::Error("Failed to Unpack UpdateInfo [", result, "]");
         break;
-      }
-      case VYRCam::kReceivedFirmwareBlock: {
-        VYRCam::ReceivedFirmwareBlock report;
-        result = report.Unpack(packet, available);
-        if (result == 0) {
-          length = report.Length();
-          OnBlockReport(report.LastReceived(), report.Next());
-        } else {
-          Log::Error("Failed to Unpack ReceivedFirmwareBlock [", result, "]");
-        }
+      case VYRCam::kReceivedFirmwareBlock:
+        result = UnpackAndHandle<VYRCam::ReceivedFirmwareBlock>(
+            packet, available, length, [&](const auto& report) { OnBlockReport(report.LastReceived(), report.Next()); });
+        if (result != 0) Log::Error("Failed to Unpack ReceivedFirmwareBlock [", result, "]");
         break;
-      }
-      case VYRCam::kUpdateComplete: {
-        VYRCam::UpdateComplete complete;
-        result = complete.Unpack(packet, available);
-        if (result == 0) {
-          length = complete.Length();
-          OnUpdateComplete();
-        } else {
-          Log::Error("Failed to Unpack UpdateComplete [", result, "]");
-        }
+      case VYRCam::kUpdateComplete:
+        result = UnpackAndHandle<VYRCam::UpdateComplete>(packet, available, length,
+                                                         [&](const auto&) { OnUpdateComplete(); });
+        if (result != 0) Log::Error("Failed to Unpack UpdateComplete [", result, "]");
         break;
-      }
-      case VYRCam::kUpdateError: {
-        VYRCam::UpdateError error;
-        result = error.Unpack(packet, available);
-        if (result == 0) {
-          length = error.Length();
-          OnUpdateError();
-        } else {
-          syslog(LOG_ERR, "Failed to Unpack UpdateError [%d]", result);
-        }
+      case VYRCam::kUpdateError:
+        result = UnpackAndHandle<VYRCam::UpdateError>(packet, available, length,
+                                                      [&](const auto&) { OnUpdateError(); });
+        if (result != 0) syslog(LOG_ERR, "Failed to Unpack UpdateError [%d]", result);
         break;
-      }
       default:
         break;
     }
