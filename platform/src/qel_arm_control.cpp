@@ -78,32 +78,29 @@ class SigpipeGuard {
   bool raised_ = false;
 };
 
-// Writes all of `frame`, waiting for room at most until the deadline.
-bool WriteBounded(int fd, const std::vector<std::uint8_t>& frame, SigpipeGuard& guard) {
+}  // namespace
+
+std::size_t WriteWithin(int fd, const std::uint8_t* data, std::size_t size, std::chrono::milliseconds limit) {
   using Clock = std::chrono::steady_clock;
-  const auto deadline = Clock::now() + std::chrono::milliseconds(kWriteTimeoutMs);
+  const auto deadline = Clock::now() + limit;
   std::size_t done = 0;
-  while (done < frame.size()) {
-    const ssize_t n = write(fd, frame.data() + done, frame.size() - done);
+  while (done < size) {
+    const ssize_t n = write(fd, data + done, size - done);
     if (n > 0) {
       done += static_cast<std::size_t>(n);
       continue;
     }
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && errno == EPIPE) guard.Raised();
-    if (n < 0 && errno != EAGAIN) return false;
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) return false;
+    if (n < 0 && errno != EAGAIN) break;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) break;
     pollfd pfd{fd, POLLOUT, 0};
     const int ready = poll(&pfd, 1, static_cast<int>(left));
-    if (ready < 0 && errno != EINTR) return false;
-    if (ready > 0 && (pfd.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) return false;
+    if (ready < 0 && errno != EINTR) break;
+    if (ready > 0 && (pfd.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) break;
   }
-  return true;
+  return done;
 }
-
-}  // namespace
 
 std::vector<std::uint8_t> EncodeDownlinkFrame(int channel, const std::uint8_t* bytes, std::size_t count) {
   if (channel < 0 || channel > 0xFF || count == 0 || count > kMaxDownlinkPayload || bytes == nullptr) {
@@ -143,7 +140,9 @@ int QelArmControl::Send_Dl_Us_Raw(int channel, const std::uint8_t* bytes, std::s
   }
 
   SigpipeGuard guard;
-  if (!WriteBounded(link.fd, frame, guard)) {
+  if (WriteWithin(link.fd, frame.data(), frame.size(), std::chrono::milliseconds(kWriteTimeoutMs)) !=
+      frame.size()) {
+    if (errno == EPIPE) guard.Raised();
     // The reader may have gone, or a frame may be half written: start afresh
     // on the next call rather than appending to a broken stream.
     link.Close();

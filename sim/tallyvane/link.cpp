@@ -1,10 +1,8 @@
 #include "link.hpp"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <iostream>
 #include <thread>
 
@@ -154,21 +152,7 @@ void UplinkWriter::WriteFrame(Pending pending) {
 }
 
 bool UplinkWriter::WriteAll(const Bytes& bytes) {
-  const auto deadline = Clock::now() + kWriteLimit;
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = write(fd_, bytes.data() + done, bytes.size() - done);
-    if (n > 0) {
-      done += static_cast<std::size_t>(n);
-      continue;
-    }
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && errno != EAGAIN) break;
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) break;
-    pollfd pfd{fd_, POLLOUT, 0};
-    poll(&pfd, 1, static_cast<int>(left));
-  }
+  const std::size_t done = lc::WriteWithin(fd_, bytes.data(), bytes.size(), kWriteLimit);
   if (done < bytes.size()) {
     say_("WARN uplink full, dropped " + std::to_string(bytes.size() - done) + " bytes");
     return false;

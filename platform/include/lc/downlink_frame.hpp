@@ -4,6 +4,7 @@
 // board simulator and the tests parse exactly what the library writes.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -24,6 +25,11 @@ inline constexpr int kPacketChannel = 5;
 // The frame for `count` bytes on `channel`; empty when the arguments cannot
 // be framed (channel outside 0..255, no bytes, more than kMaxDownlinkPayload).
 std::vector<std::uint8_t> EncodeDownlinkFrame(int channel, const std::uint8_t* bytes, std::size_t count);
+
+// Writes `size` bytes to the non-blocking `fd`, waiting for room at most
+// `limit` in all. Returns how many went out; fewer than `size` on an error or
+// when time ran out (errno tells which error).
+std::size_t WriteWithin(int fd, const std::uint8_t* data, std::size_t size, std::chrono::milliseconds limit);
 
 // $QUORVEX_TALLYVANE_DOWNLINK, else "/dev/arm-tallyvane-ctl".
 std::string DownlinkDevicePath();
