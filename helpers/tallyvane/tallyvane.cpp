@@ -13,6 +13,7 @@
 #include <iostream>
 
 #include "common/log.hpp"
+#include "lc/downlink_frame.hpp"
 #include "lc/qel_arm_control.hpp"
 #include "vyrcam/packets.hpp"
 
@@ -23,8 +24,6 @@ using Updater::Log::Colour;
 
 namespace {
 
-constexpr std::uint8_t kSync0 = 0xAA;
-constexpr std::uint8_t kSync1 = 0xA9;
 constexpr int kPollTimeoutMs = 1000;
 // Silence on the link is normal between updates; one reminder every five
 // seconds is enough to show the loop is alive.
@@ -44,7 +43,7 @@ constexpr std::size_t kChecksumPiece = 64 * 1024;
 const char* const kGulp = "GULP; ignoring this frame's data";
 
 bool StartsWithSync(const std::vector<std::uint8_t>& buffer) {
-  return buffer.size() >= 2 && buffer[0] == kSync0 && buffer[1] == kSync1;
+  return buffer.size() >= 2 && buffer[0] == lc::kSync0 && buffer[1] == lc::kSync1;
 }
 
 // Length of the file behind `in` (left at its start); -1 when unknown.

@@ -12,6 +12,7 @@
 
 namespace lc {
 
+// Every frame on the board's devices, either way, starts with these two bytes.
 inline constexpr std::uint8_t kSync0 = 0xAA;
 inline constexpr std::uint8_t kSync1 = 0xA9;
 // sync 0xAA 0xA9, channel, payload length (16 bits, little-endian)
