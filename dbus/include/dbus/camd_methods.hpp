@@ -8,7 +8,6 @@
 #include <array>
 #include <cstddef>
 #include <string>
-#include <string_view>
 
 namespace Updater::Camd {
 
@@ -66,12 +65,5 @@ enum class Method : std::size_t {
 };
 
 constexpr const MethodInfo& Info(Method m) { return kMethods[static_cast<std::size_t>(m)]; }
-
-// nullptr when `name` is not a camd firmware method.
-inline const MethodInfo* FindMethod(std::string_view name) {
-  for (const auto& method : kMethods)
-    if (name == method.name) return &method;
-  return nullptr;
-}
 
 }  // namespace Updater::Camd
