@@ -1,13 +1,12 @@
 #include "helpers/camera/vyr_camera.hpp"
 
-#include <boost/crc.hpp>
-
 #include <array>
 #include <chrono>
 #include <fstream>
 #include <iostream>
 #include <vector>
 
+#include "common/crc16.hpp"
 #include "dbus/camd_methods.hpp"
 #include "vyrcam/libvyrcam.hpp"
 
@@ -20,8 +19,6 @@ constexpr auto kUpdateInfoPause = std::chrono::milliseconds(100);
 // The image is checksummed piece by piece so that memory stays flat however
 // large the image is.
 constexpr std::size_t kChecksumPiece = 64 * 1024;
-
-using Crc16CcittFalse = boost::crc_optimal<16, 0x1021, 0xFFFF, 0, false, false>;
 
 // The size as the camera protocol carries it: the low 32 bits of the end
 // position. Leaves the stream at the start.

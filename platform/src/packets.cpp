@@ -1,19 +1,17 @@
 #include "vyrcam/packets.hpp"
 
-#include <boost/crc.hpp>
-
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
+
+#include "common/crc16.hpp"
 
 namespace VYRCam {
 
 namespace {
 
-using Crc16 = boost::crc_optimal<16, 0x1021, 0xFFFF, 0, false, false>;
-
 std::uint16_t Checksum(const std::uint8_t* bytes, std::size_t count) {
-  Crc16 crc;
+  Updater::Crc16CcittFalse crc;
   crc.process_bytes(bytes, count);
   return static_cast<std::uint16_t>(crc.checksum());
 }

@@ -1,6 +1,6 @@
 #include "camera_model.hpp"
 
-#include <boost/crc.hpp>
+#include "common/crc16.hpp"
 
 #include <algorithm>
 #include <cstdio>
@@ -166,7 +166,7 @@ std::optional<Options> ParseOptions(const std::vector<std::string>& args, std::s
 }
 
 std::uint16_t Crc16(const std::vector<std::uint8_t>& data) {
-  boost::crc_optimal<16, 0x1021, 0xFFFF, 0, false, false> crc;
+  Updater::Crc16CcittFalse crc;
   crc.process_bytes(data.data(), data.size());
   return crc.checksum();
 }
