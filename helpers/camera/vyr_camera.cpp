@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/crc16.hpp"
+#include "common/image_file.hpp"
 #include "dbus/camd_methods.hpp"
 #include "vyrcam/libvyrcam.hpp"
 
@@ -16,9 +17,6 @@ namespace {
 
 constexpr int kUpdateInfoPolls = 102;
 constexpr auto kUpdateInfoPause = std::chrono::milliseconds(100);
-// The image is checksummed piece by piece so that memory stays flat however
-// large the image is.
-constexpr std::size_t kChecksumPiece = 64 * 1024;
 
 // The size as the camera protocol carries it: the low 32 bits of the end
 // position. Leaves the stream at the start.
@@ -27,11 +25,6 @@ std::int32_t FileSize(std::ifstream& file) {
   const auto end = static_cast<std::uint64_t>(static_cast<std::streamoff>(file.tellg()));
   file.seekg(0, std::ios::beg);
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(end));
-}
-
-void ReportShortRead(std::int64_t wanted, std::int64_t got) {
-  std::cerr << "Couldn't read full [" << wanted << "] bytes into chunk, "
-            << "only read [" << got << "] bytes." << std::endl;
 }
 
 }  // namespace
@@ -80,21 +73,8 @@ int VyrCamera::CheckForUpdate() {
   const std::int32_t size = FileSize(file);
 
   Crc16CcittFalse crc;
-  std::vector<char> piece(kChecksumPiece);
-  std::int64_t total = 0;
-  while (total < size) {
-    const auto want = static_cast<std::streamsize>(
-        std::min<std::int64_t>(static_cast<std::int64_t>(piece.size()), size - total));
-    file.read(piece.data(), want);
-    const std::streamsize got = file.gcount();
-    crc.process_bytes(piece.data(), static_cast<std::size_t>(got));
-    total += got;
-    if (got < want) break;
-  }
-  if (total < size) {
-    ReportShortRead(size, total);
+  if (!Image::ReadInPieces(file, size, [&](const char* data, std::size_t n) { crc.process_bytes(data, n); }))
     return false;
-  }
   const unsigned checksum = crc.checksum();
 
   // Standard output stays hexadecimal from here on; later lines rely on it.
@@ -128,26 +108,10 @@ int VyrCamera::SendFirmwareBlock(int block) {
   const std::int32_t size = FileSize(file);
 
   std::cout << "This block: [" << block << "], blockSize: [" << blockSize << "]" << std::endl;
-  if (size < block) {
-    std::cerr << "Calculated chunk start of [" << block << "] which is "
-              << "larger than the firmware file... aborting update." << std::endl;
-    return false;
-  }
-  if (static_cast<std::int64_t>(block) + blockSize > size) {
-    std::cerr << "Chunk #[" << block << "] extends past file (length [" << size
-              << "]), this should be the last chunk!" << std::endl;
-  }
-
-  std::vector<unsigned char> chunk(static_cast<std::size_t>(blockSize), 0);
-  file.seekg(block, std::ios::beg);
-  file.read(reinterpret_cast<char*>(chunk.data()), blockSize);
-  const std::streamsize got = file.gcount();
-  if (got < blockSize) {
-    ReportShortRead(blockSize, got);
-    // The shortened chunk still goes out: that is how the last one is sent.
-    chunk.resize(static_cast<std::size_t>(got));
-  }
-  return camdProxy->SendFirmwareBlock(block, std::move(chunk));
+  auto chunk = Image::ReadChunk(file, size, block, blockSize);
+  if (!chunk) return false;
+  // A shortened chunk still goes out: that is how the last one is sent.
+  return camdProxy->SendFirmwareBlock(block, std::move(*chunk));
 }
 
 int VyrCamera::WaitForAck(unsigned /*block*/) { return camdProxy->WaitForAck(); }

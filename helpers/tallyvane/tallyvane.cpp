@@ -12,6 +12,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "common/image_file.hpp"
 #include "common/log.hpp"
 #include "lc/downlink_frame.hpp"
 #include "lc/qel_arm_control.hpp"
@@ -36,9 +37,6 @@ constexpr int kAckAttempts = 3;
 constexpr auto kUpdateInfoPoll = 100ms;
 constexpr int kUpdateInfoRounds = 102;
 constexpr auto kFirstBlockPoll = 30ms;
-// Checksumming reads the image in pieces of this size, so that a large
-// image never has to sit in memory at once.
-constexpr std::size_t kChecksumPiece = 64 * 1024;
 
 const char* const kGulp = "GULP; ignoring this frame's data";
 
@@ -472,22 +470,9 @@ int Tallyvane::CheckForUpdate() {
 
   // Summed piece by piece: the same result as summing the whole image at
   // once, without holding it.
-  std::vector<char> piece(kChecksumPiece);
   std::uint16_t sum = 0;
-  std::streamoff total = 0;
-  while (total < length) {
-    const auto want = static_cast<std::streamsize>(std::min<std::streamoff>(length - total, kChecksumPiece));
-    image.read(piece.data(), want);
-    const std::streamsize got = image.gcount();
-    sum = AddBytes(sum, piece.data(), static_cast<std::size_t>(got));
-    total += got;
-    if (got < want) break;
-  }
-  if (total < length) {
-    std::cerr << "Couldn't read full [" << length << "] bytes into chunk, "
-              << "only read [" << total << "] bytes." << '\n';
+  if (!Image::ReadInPieces(image, length, [&](const char* data, std::size_t n) { sum = AddBytes(sum, data, n); }))
     return 0;
-  }
 
   const std::uint16_t checksum = ReportChecksum(static_cast<std::size_t>(length), sum);
   // The checksum is shown in hex and the stream is left that way: every
@@ -535,26 +520,9 @@ int Tallyvane::SendFirmwareBlock(int position) {
   const std::streamoff length = FileLength(image);
   std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
 
-  if (length < position) {
-    std::cerr << "Calculated chunk start of [" << position << "] which is "
-              << "larger than the firmware file... aborting update." << '\n';
-    return 0;
-  }
-  if (static_cast<std::streamoff>(position) + packetSize > length) {
-    std::cerr << "Chunk #[" << position << "] extends past file (length [" << length
-              << "]), this should be the last chunk!" << '\n';
-  }
-
-  std::vector<std::uint8_t> chunk(static_cast<std::size_t>(packetSize), 0);
-  image.seekg(position, std::ios::beg);
-  image.read(reinterpret_cast<char*>(chunk.data()), packetSize);
-  const std::streamsize got = image.gcount();
-  if (got < packetSize) {
-    std::cerr << "Couldn't read full [" << packetSize << "] bytes into chunk, "
-              << "only read [" << got << "] bytes." << '\n';
-    chunk.resize(static_cast<std::size_t>(got));
-  }
-  return SendBlock(position, chunk) ? 1 : 0;
+  const auto chunk = Image::ReadChunk(image, length, position, packetSize);
+  if (!chunk) return 0;
+  return SendBlock(position, *chunk) ? 1 : 0;
 }
 
 int Tallyvane::GetNextFirmwareBlock() { return nextBlock; }

@@ -1,0 +1,77 @@
+// Reading a firmware image the way both targets do: whole, in pieces, for
+// the checksum; and one chunk at the position the target names.
+//
+// The size type is the caller's: the camera carries the low 32 bits of the
+// file size, the board the full offset, and the messages print it as is.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <iostream>
+#include <optional>
+#include <vector>
+
+namespace Updater::Image {
+
+// Pieces of the whole-image pass: large enough to read quickly, small enough
+// that memory stays flat whatever the image size.
+inline constexpr std::size_t kPieceBytes = 64 * 1024;
+
+template <class Wanted, class Got>
+void ReportShortRead(Wanted wanted, Got got) {
+  std::cerr << "Couldn't read full [" << wanted << "] bytes into chunk, "
+            << "only read [" << got << "] bytes." << std::endl;
+}
+
+// Hands the next `size` bytes of `image` to `consume(const char*, size_t)`
+// piece by piece. False, after the short-read message, when the file ends first.
+template <class Size, class Consume>
+bool ReadInPieces(std::istream& image, Size size, Consume&& consume) {
+  std::vector<char> piece(kPieceBytes);
+  std::int64_t total = 0;
+  const auto wantedTotal = static_cast<std::int64_t>(size);
+  while (total < wantedTotal) {
+    const auto want = static_cast<std::streamsize>(
+        std::min<std::int64_t>(static_cast<std::int64_t>(piece.size()), wantedTotal - total));
+    image.read(piece.data(), want);
+    const std::streamsize got = image.gcount();
+    consume(piece.data(), static_cast<std::size_t>(got));
+    total += got;
+    if (got < want) break;
+  }
+  if (total < wantedTotal) {
+    ReportShortRead(size, total);
+    return false;
+  }
+  return true;
+}
+
+// The chunk of `chunkSize` bytes at `position` of an image of `size` bytes.
+// A start beyond the end is refused (nullopt); a chunk running past the end
+// is announced as the last one; a short read is reported and the chunk cut
+// to what was read, possibly nothing.
+template <class Size>
+std::optional<std::vector<std::uint8_t>> ReadChunk(std::istream& image, Size size, int position,
+                                                   int chunkSize) {
+  if (size < position) {
+    std::cerr << "Calculated chunk start of [" << position << "] which is "
+              << "larger than the firmware file... aborting update." << std::endl;
+    return std::nullopt;
+  }
+  if (static_cast<std::int64_t>(position) + chunkSize > static_cast<std::int64_t>(size)) {
+    std::cerr << "Chunk #[" << position << "] extends past file (length [" << size
+              << "]), this should be the last chunk!" << std::endl;
+  }
+  std::vector<std::uint8_t> chunk(static_cast<std::size_t>(chunkSize), 0);
+  image.seekg(position, std::ios::beg);
+  image.read(reinterpret_cast<char*>(chunk.data()), chunkSize);
+  const std::streamsize got = image.gcount();
+  if (got < chunkSize) {
+    ReportShortRead(chunkSize, got);
+    chunk.resize(static_cast<std::size_t>(got));
+  }
+  return chunk;
+}
+
+}  // namespace Updater::Image
