@@ -3,6 +3,8 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <string>
 #include <iostream>
 
 namespace Updater::Dbus {
@@ -21,23 +23,19 @@ void Initialize() {
   }
 }
 
-std::shared_ptr<Dispatcher> Dispatcher::Create() {
-  return std::shared_ptr<Dispatcher>(new Dispatcher());
-}
-
-Dispatcher::~Dispatcher() {
-  for (auto& weak : connections_)
-    if (auto connection = weak.lock()) connection->leaveEventLoop();
-}
-
-std::shared_ptr<sdbus::IConnection> Dispatcher::CreateSessionConnection() {
+std::unique_ptr<sdbus::IConnection> ConnectSessionBus() {
   // createConnection() and the connection-less proxies would open the
   // system bus; camd lives on the session bus.
-  std::shared_ptr<sdbus::IConnection> connection = sdbus::createSessionBusConnection();
-  connection->enterEventLoopAsync();
-  std::lock_guard<std::mutex> lock(mutex_);
-  connections_.push_back(connection);
-  return connection;
+  try {
+    return sdbus::createSessionBusConnection();
+  } catch (const sdbus::Error& e) {
+    // The library's text does not say which bus; whoever reads the log must
+    // be able to tell a wrong address from a daemon that is down.
+    const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    throw sdbus::Error(e.getName(), e.getMessage() + (address != nullptr
+                                                          ? " at [" + std::string(address) + "]"
+                                                          : " (DBUS_SESSION_BUS_ADDRESS is not set)"));
+  }
 }
 
 }  // namespace Updater::Dbus

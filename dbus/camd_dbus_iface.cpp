@@ -5,6 +5,7 @@
 #include <chrono>
 #include <iostream>
 
+#include "dbus/bus.hpp"
 #include "dbus/errors.hpp"
 
 namespace Updater::Helpers {
@@ -18,22 +19,17 @@ constexpr int kFirstBlockPolls = 10;
 constexpr int kAckPolls = 10;
 constexpr auto kPollPause = std::chrono::milliseconds(200);
 constexpr std::int32_t kMaxGrowablePacket = 63;
+constexpr std::int32_t kLastBlockAcked = 3;
 
 void LogDbusError(const sdbus::Error& e) {
   std::cerr << "Dbus::Error: " << e.getMessage() << std::endl;
 }
 
-// One try: build the call from the method table, send it, and wait for the
-// answer when the method has one (library default time-out). Every failure
-// in here is a D-Bus error and counts as a failed try.
-template <class... Args>
-sdbus::MethodReply SendOnce(sdbus::IProxy& proxy, const std::string& interface, Method m,
-                            const Args&... args) {
-  const auto& method = Camd::Info(m);
-  auto call = proxy.createMethodCall(interface, method.name);
-  if (method.reply == Camd::Reply::None) call.dontExpectReply();
-  ((call << args), ...);
-  return proxy.callMethod(call);
+// Errors that say the connection itself is gone (the bus daemon ended, the
+// socket broke), as opposed to camd answering with an error or not at all.
+bool ConnectionBroken(const sdbus::Error& e) {
+  const std::string& name = e.getName();
+  return name == "org.freedesktop.DBus.Error.Disconnected" || name.rfind("System.Error.", 0) == 0;
 }
 
 // Reading the answer is a separate step: a failure here means camd answered
@@ -50,26 +46,82 @@ T ReadFirst(sdbus::MethodReply& reply, Method m) {
   return value;
 }
 
+}  // namespace
+
+std::shared_ptr<CamdDbusIface> CamdDbusIface::create(const std::string& service, const std::string& path,
+                                                     const std::string& interface, Clock& clock) {
+  return std::shared_ptr<CamdDbusIface>(new CamdDbusIface(service, path, interface, clock));
+}
+
+CamdDbusIface::CamdDbusIface(const std::string& service, const std::string& path,
+                             const std::string& interface, Clock& clock)
+    : service_(service), path_(path), interface_(interface), clock_(clock) {}
+
+// The proxy must go before the connection it borrows.
+CamdDbusIface::~CamdDbusIface() { proxy_.reset(); }
+
+sdbus::IProxy& CamdDbusIface::Proxy() {
+  if (!proxy_) {
+    if (!connection_) connection_ = Dbus::ConnectSessionBus();
+    proxy_ = sdbus::createProxy(*connection_, service_, path_);
+  }
+  return *proxy_;
+}
+
+bool CamdDbusIface::PastDeadline() { return deadline_ && clock_.Monotonic() >= *deadline_; }
+
+// One try: connect if need be, build the call from the method table, send it,
+// and wait for the answer when the method has one. Every failure in here is
+// a D-Bus error and counts as a failed try.
+template <class... Args>
+sdbus::MethodReply CamdDbusIface::SendOnce(Method m, const Args&... args) {
+  try {
+    return CallOnce(m, args...);
+  } catch (const sdbus::Error& e) {
+    // Only here, once the call message is gone: it borrows the connection.
+    if (ConnectionBroken(e)) {
+      proxy_.reset();
+      connection_.reset();
+    }
+    throw;
+  }
+}
+
+template <class... Args>
+sdbus::MethodReply CamdDbusIface::CallOnce(Method m, const Args&... args) {
+  auto& proxy = Proxy();
+  const auto& method = Camd::Info(m);
+  auto call = proxy.createMethodCall(interface_, method.name);
+  if (method.reply == Camd::Reply::None) call.dontExpectReply();
+  ((call << args), ...);
+  std::chrono::microseconds timeout{0};  // the library's default
+  if (deadline_) {
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(*deadline_ - clock_.Monotonic());
+    if (left < std::chrono::microseconds(connection_->getMethodCallTimeout()))
+      timeout = std::max(left, std::chrono::microseconds(1));
+  }
+  return proxy.callMethod(call, static_cast<std::uint64_t>(timeout.count()));
+}
+
 template <class T, class... Args>
-T CallWithTries(sdbus::IProxy& proxy, const std::string& interface, Method m, T failure,
-                const Args&... args) {
-  for (int left = kTries; left > 0; --left) {
+std::optional<T> CamdDbusIface::CallWithTries(Method m, const Args&... args) {
+  for (int left = kTries; left > 0 && !PastDeadline(); --left) {
     sdbus::MethodReply reply;
     try {
-      reply = SendOnce(proxy, interface, m, args...);
+      reply = SendOnce(m, args...);
     } catch (const sdbus::Error& e) {
       LogDbusError(e);
       continue;
     }
     return ReadFirst<T>(reply, m);
   }
-  return failure;
+  return std::nullopt;
 }
 
-void SendWithTries(sdbus::IProxy& proxy, const std::string& interface, Method m) {
-  for (int left = kTries; left > 0; --left) {
+void CamdDbusIface::SendWithTries(Method m) {
+  for (int left = kTries; left > 0 && !PastDeadline(); --left) {
     try {
-      SendOnce(proxy, interface, m);
+      SendOnce(m);
       return;
     } catch (const sdbus::Error& e) {
       LogDbusError(e);
@@ -77,71 +129,46 @@ void SendWithTries(sdbus::IProxy& proxy, const std::string& interface, Method m)
   }
 }
 
-}  // namespace
-
-std::shared_ptr<CamdDbusIface> CamdDbusIface::create(std::shared_ptr<sdbus::IConnection> connection,
-                                                     const std::string& service,
-                                                     const std::string& path,
-                                                     const std::string& interface, Clock& clock) {
-  return std::shared_ptr<CamdDbusIface>(
-      new CamdDbusIface(std::move(connection), service, path, interface, clock));
-}
-
-CamdDbusIface::CamdDbusIface(std::shared_ptr<sdbus::IConnection> connection,
-                             const std::string& service, const std::string& path,
-                             const std::string& interface, Clock& clock)
-    : connection_(std::move(connection)),
-      proxy_(sdbus::createProxy(*connection_, service, path)),
-      path_(path),
-      interface_(interface),
-      clock_(clock) {}
-
-// The proxy must go before the connection it borrows.
-CamdDbusIface::~CamdDbusIface() { proxy_.reset(); }
-
-int CamdDbusIface::GetCameraFirmwareVersion() {
+std::optional<std::int32_t> CamdDbusIface::ReadCameraFirmwareVersion() {
   std::cout << "Asking camd for firmware version" << std::endl;
-  return CallWithTries<std::int32_t>(*proxy_, interface_, Method::GetCameraFirmwareVersion, -1);
+  return CallWithTries<std::int32_t>(Method::GetCameraFirmwareVersion);
 }
+
+int CamdDbusIface::GetCameraFirmwareVersion() { return ReadCameraFirmwareVersion().value_or(-1); }
 
 int CamdDbusIface::GetPreviouslyDownloadedChunks() {
   std::cout << "Asking camd for downloaded chunks" << std::endl;
-  return CallWithTries<std::int32_t>(*proxy_, interface_, Method::GetPreviouslyDownloadedChunks,
-                                     -1);
+  return CallWithTries<std::int32_t>(Method::GetPreviouslyDownloadedChunks).value_or(-1);
 }
 
 int CamdDbusIface::GetFlashRegion() {
-  return CallWithTries<std::int32_t>(*proxy_, interface_, Method::GetFlashRegion, -1);
+  return CallWithTries<std::int32_t>(Method::GetFlashRegion).value_or(-1);
 }
 
 int CamdDbusIface::GetNextFirmwareBlock() {
-  return CallWithTries<std::int32_t>(*proxy_, interface_, Method::GetNextFirmwareBlock, -1);
+  return CallWithTries<std::int32_t>(Method::GetNextFirmwareBlock).value_or(-1);
 }
 
 bool CamdDbusIface::SendUpdateAvailable(int version, int checksum, int size) {
-  return CallWithTries<bool>(*proxy_, interface_, Method::SendUpdateAvailable, false,
-                             std::int32_t{version}, std::int32_t{checksum}, std::int32_t{size});
+  return CallWithTries<bool>(Method::SendUpdateAvailable, std::int32_t{version}, std::int32_t{checksum},
+                             std::int32_t{size})
+      .value_or(false);
 }
 
 bool CamdDbusIface::UpdateInfoReceived() {
-  return CallWithTries<bool>(*proxy_, interface_, Method::UpdateInfoReceived, false);
+  return CallWithTries<bool>(Method::UpdateInfoReceived).value_or(false);
 }
 
 bool CamdDbusIface::SendFirmwareBlock(int block, std::vector<unsigned char> data) {
   std::cout << "Sending camd firmware block" << std::endl;
-  return CallWithTries<bool>(*proxy_, interface_, Method::SendFirmwareBlock, false,
-                             std::int32_t{block}, data);
+  return CallWithTries<bool>(Method::SendFirmwareBlock, std::int32_t{block}, data).value_or(false);
 }
 
-void CamdDbusIface::RequestUpdateInfo() {
-  SendWithTries(*proxy_, interface_, Method::RequestUpdateInfo);
-}
+void CamdDbusIface::RequestUpdateInfo() { SendWithTries(Method::RequestUpdateInfo); }
 
-void CamdDbusIface::ClearPendingUpdate() {
-  SendWithTries(*proxy_, interface_, Method::ClearPendingUpdate);
-}
+void CamdDbusIface::ClearPendingUpdate() { SendWithTries(Method::ClearPendingUpdate); }
 
-void CamdDbusIface::DequeuePacket() { SendWithTries(*proxy_, interface_, Method::DequeuePacket); }
+void CamdDbusIface::DequeuePacket() { SendWithTries(Method::DequeuePacket); }
 
 int CamdDbusIface::GetFirstUpdateBlock() {
   std::cout << "Asking camd for first update block (really)" << std::endl;
@@ -149,7 +176,7 @@ int CamdDbusIface::GetFirstUpdateBlock() {
   for (int poll = 0; poll < kFirstBlockPolls; ++poll) {
     sdbus::MethodReply reply;
     try {
-      reply = SendOnce(*proxy_, interface_, Method::GetFirstUpdateBlock);
+      reply = SendOnce(Method::GetFirstUpdateBlock);
     } catch (const sdbus::Error& e) {
       LogDbusError(e);
       return last;
@@ -164,18 +191,21 @@ int CamdDbusIface::GetFirstUpdateBlock() {
 int CamdDbusIface::WaitForAck() {
   std::cout << "camd waiting for ACK!" << std::endl;
   std::int32_t status = 1;
+  bool lastBlockAcked = false;
   for (int poll = 0; poll < kAckPolls; ++poll) {
     sdbus::MethodReply reply;
     try {
-      reply = SendOnce(*proxy_, interface_, Method::WaitForAck);
+      reply = SendOnce(Method::WaitForAck);
     } catch (const sdbus::Error& e) {
-      // An error answer is treated like a lost chunk.
+      // An error answer is treated like a lost chunk, unless camd has
+      // already confirmed the whole image.
       std::cout << "Exception caught: " << e.what() << std::endl;
-      status = 1;
+      status = lastBlockAcked ? kLastBlockAcked : 1;
       break;
     }
     status = ReadFirst<std::int32_t>(reply, Method::WaitForAck);
     if (status == 0) break;
+    lastBlockAcked = lastBlockAcked || status == kLastBlockAcked;
     clock_.Sleep(kPollPause);
   }
   std::cout << "camd ACK status: " << status << std::endl;

@@ -2,6 +2,7 @@
 //
 //   firmware-updater camera <index>   the camera, through camd on D-Bus
 //   firmware-updater tallyvane        the counter-link board
+#include <csignal>
 #include <iostream>
 #include <string>
 
@@ -13,6 +14,9 @@
 using Updater::Log::Colour;
 
 int main(int argc, char** argv) {
+  // A console that goes away (a closed pipe, `| head`) must never cut an
+  // update short: output to it is lost, the update goes on.
+  std::signal(SIGPIPE, SIG_IGN);
   if (argc < 2) {
     // Naming the program path here, not a target, is what users have always seen.
     std::cerr << "Missing target for [" << argv[0] << "]" << std::endl;

@@ -1,13 +1,20 @@
 #include "helpers/camera/vyr_camera.hpp"
 
-#include <array>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
-#include <fstream>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
+#include <limits>
 #include <vector>
 
 #include "common/crc16.hpp"
 #include "common/image_file.hpp"
+#include "common/log.hpp"
 #include "dbus/camd_methods.hpp"
 #include "vyrcam/libvyrcam.hpp"
 
@@ -17,37 +24,113 @@ namespace {
 
 constexpr int kUpdateInfoPolls = 102;
 constexpr auto kUpdateInfoPause = std::chrono::milliseconds(100);
+constexpr const char* kDefaultLockDir = "/run/lock";
 
-// The size as the camera protocol carries it: the low 32 bits of the end
-// position. Leaves the stream at the start.
-std::int32_t FileSize(std::ifstream& file) {
+// Whole bytes of the file behind `file`; leaves the stream at the start.
+std::uint64_t FileBytes(std::istream& file) {
+  file.clear();
   file.seekg(0, std::ios::end);
   const auto end = static_cast<std::uint64_t>(static_cast<std::streamoff>(file.tellg()));
   file.seekg(0, std::ios::beg);
-  return static_cast<std::int32_t>(static_cast<std::uint32_t>(end));
+  return end;
+}
+
+// The size as the camera protocol carries it: the low 32 bits.
+std::int32_t ProtocolSize(std::uint64_t bytes) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(bytes));
+}
+
+std::optional<std::chrono::seconds> StallLimitFromEnvironment() {
+  const char* text = std::getenv("QUORVEX_STALL_SECONDS");
+  if (text == nullptr || *text == '\0') return VyrCamera::kDefaultStallLimit;
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long seconds = std::strtoull(text, &end, 10);
+  if (errno != 0 || *end != '\0' || *text == '-' || seconds > 100u * 365 * 24 * 3600) {
+    std::cerr << "QUORVEX_STALL_SECONDS=[" << text << "] is not a number of seconds; using "
+              << VyrCamera::kDefaultStallLimit.count() << std::endl;
+    return VyrCamera::kDefaultStallLimit;
+  }
+  if (seconds == 0) return std::nullopt;
+  return std::chrono::seconds(seconds);
+}
+
+// The index text as typed can hold anything; the lock file name keeps
+// letters, digits, '-' and '_' and writes every other byte as %XX, so two
+// indexes never share a lock and none can reach outside the lock directory.
+std::string LockPath(const std::string& cameraIndex) {
+  const char* dir = std::getenv("QUORVEX_LOCK_DIR");
+  std::string path = (dir != nullptr && *dir != '\0') ? dir : kDefaultLockDir;
+  path += "/firmware-updater-camera-";
+  static const char kHex[] = "0123456789ABCDEF";
+  for (const unsigned char c : cameraIndex) {
+    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_') {
+      path += static_cast<char>(c);
+    } else {
+      path += '%';
+      path += kHex[c >> 4];
+      path += kHex[c & 0xF];
+    }
+  }
+  return path + ".lock";
 }
 
 }  // namespace
 
-VyrCamera::VyrCamera(std::string cameraIndex, Clock& clock) : clock_(clock) {
+VyrCamera::VyrCamera(std::string cameraIndex, Clock& clock)
+    : cameraIndex_(std::move(cameraIndex)),
+      clock_(clock),
+      stallLimit_(StallLimitFromEnvironment()),
+      lastProgress_(clock.Monotonic()) {
   Dbus::Initialize();
-  dispatcher = Dbus::Dispatcher::Create();
-  connection = dispatcher->CreateSessionConnection();
-  camdProxy = CamdDbusIface::create(connection, Camd::kService, Camd::ObjectPath(cameraIndex),
-                                    Camd::kInterface, clock_);
+  camdProxy = CamdDbusIface::create(Camd::kService, Camd::ObjectPath(cameraIndex_), Camd::kInterface, clock_);
 }
 
 VyrCamera::~VyrCamera() {
-  connection.reset();
-  dispatcher.reset();
   firmwarePath.clear();
   camdProxy.reset();
+  if (lockFd_ >= 0) close(lockFd_);
+}
+
+bool VyrCamera::TakeLock() {
+  if (lockFd_ >= 0) return true;
+  const std::string path = LockPath(cameraIndex_);
+  const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+  if (fd < 0) {
+    Log::Error("Cannot open the lock file [", path, "]: ", std::strerror(errno), "; not updating");
+    return false;
+  }
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    std::cerr << "Waiting for another update of camera [" << cameraIndex_ << "] to finish" << std::endl;
+    int locked;
+    while ((locked = flock(fd, LOCK_EX)) != 0 && errno == EINTR) {
+    }
+    if (locked != 0) {
+      Log::Error("Cannot lock [", path, "]: ", std::strerror(errno), "; not updating");
+      close(fd);
+      return false;
+    }
+  }
+  lockFd_ = fd;
+  return true;
 }
 
 int VyrCamera::CheckForUpdate() {
+  if (!TakeLock()) return false;
+  // Counted from here: waiting for another run of this camera is no stall.
+  const auto start = clock_.Monotonic();
+  if (stallLimit_) camdProxy->SetDeadline(start + *stallLimit_);
+  const auto expired = [&] { return stallLimit_ && clock_.Monotonic() - start >= *stallLimit_; };
+  const int update = CheckWithCamd(expired);
+  camdProxy->SetDeadline(std::nullopt);
+  lastProgress_ = clock_.Monotonic();
+  return update;
+}
+
+int VyrCamera::CheckWithCamd(const std::function<bool()>& expired) {
   camdProxy->RequestUpdateInfo();
   bool infoReceived = false;
-  for (int poll = 0; poll < kUpdateInfoPolls && !infoReceived; ++poll) {
+  for (int poll = 0; poll < kUpdateInfoPolls && !infoReceived && !expired(); ++poll) {
     infoReceived = camdProxy->UpdateInfoReceived();
     if (!infoReceived) clock_.Sleep(kUpdateInfoPause);
   }
@@ -61,19 +144,34 @@ int VyrCamera::CheckForUpdate() {
   firmwarePath = package.second;
 
   // Asked twice on purpose: the comparison uses the first answer, the log the second.
-  const int cameraVersion = camdProxy->GetCameraFirmwareVersion();
+  const auto cameraVersion = camdProxy->ReadCameraFirmwareVersion();
   std::cout << "File version: " << fileVersion << std::endl;
   const int loggedVersion = camdProxy->GetCameraFirmwareVersion();
   std::cout << "Cam version: " << loggedVersion << std::endl;
-  if (fileVersion <= cameraVersion) return false;
+  // Its failure value -1 would look older than any package and flash it,
+  // perhaps over a newer image.
+  if (!cameraVersion) {
+    Log::Error("The camera's firmware version could not be read, so the camera is not updated");
+    return false;
+  }
+  if (fileVersion <= *cameraVersion) return false;
 
   // Unopenable image: report an update anyway and let the block reads stop it.
-  std::ifstream file(firmwarePath, std::ios::binary);
-  if (!file) return true;
-  const std::int32_t size = FileSize(file);
+  image_.close();
+  image_.clear();
+  image_.open(firmwarePath, std::ios::binary);
+  if (!image_.is_open()) return true;
+  const std::uint64_t bytes = FileBytes(image_);
+  if (bytes > static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max())) {
+    Log::Error("Firmware image [", firmwarePath, "] is ", std::to_string(bytes),
+               " bytes, more than camd can address; not updating");
+    image_.close();
+    return false;
+  }
+  const std::int32_t size = ProtocolSize(bytes);
 
   Crc16CcittFalse crc;
-  if (!Image::ReadInPieces(file, size, [&](const char* data, std::size_t n) { crc.process_bytes(data, n); }))
+  if (!Image::ReadInPieces(image_, size, [&](const char* data, std::size_t n) { crc.process_bytes(data, n); }))
     return false;
   const unsigned checksum = crc.checksum();
 
@@ -94,7 +192,17 @@ bool VyrCamera::HaveUpdateFile() {
 
 int VyrCamera::GetFirstUpdateBlock() { return camdProxy->GetFirstUpdateBlock(); }
 
+bool VyrCamera::Stalled(int block) {
+  if (!stallLimit_) return false;
+  const auto idle = clock_.Monotonic() - lastProgress_;
+  if (idle < *stallLimit_) return false;
+  Log::Error("No progress for ", std::to_string(std::chrono::duration_cast<std::chrono::seconds>(idle).count()),
+             " s, at block [", std::to_string(block), "]; giving up the update");
+  return true;
+}
+
 int VyrCamera::SendFirmwareBlock(int block) {
+  if (Stalled(block)) return false;
   blockSize = camdProxy->packetSize;
   if (blockSize < 1) {
     std::cerr << "Invalid chunk size from camd: [" << blockSize << "], "
@@ -102,19 +210,29 @@ int VyrCamera::SendFirmwareBlock(int block) {
     return false;
   }
 
-  // Reopened for every chunk: nothing of the image is kept between blocks.
-  std::ifstream file(firmwarePath, std::ios::binary);
-  if (!file) return false;
-  const std::int32_t size = FileSize(file);
+  // Read through the descriptor the update check opened: a package manager
+  // replacing the file meanwhile must not mix two images in the camera.
+  if (!image_.is_open()) return false;
+  const std::int32_t size = ProtocolSize(FileBytes(image_));
 
   std::cout << "This block: [" << block << "], blockSize: [" << blockSize << "]" << std::endl;
-  auto chunk = Image::ReadChunk(file, size, block, blockSize);
+  auto chunk = Image::ReadChunk(image_, size, block, blockSize);
   if (!chunk) return false;
+  sentBlock_ = block;
+  sentBytes_ = static_cast<std::int64_t>(chunk->size());
   // A shortened chunk still goes out: that is how the last one is sent.
   return camdProxy->SendFirmwareBlock(block, std::move(*chunk));
 }
 
-int VyrCamera::WaitForAck(unsigned /*block*/) { return camdProxy->WaitForAck(); }
+int VyrCamera::WaitForAck(unsigned /*block*/) {
+  const int status = camdProxy->WaitForAck();
+  // An empty chunk moves nothing forward, however often it is acknowledged.
+  if ((status == 0 || status == 3) && sentBytes_ > 0 && sentBlock_ + sentBytes_ > ackedEnd_) {
+    ackedEnd_ = sentBlock_ + sentBytes_;
+    lastProgress_ = clock_.Monotonic();
+  }
+  return status;
+}
 
 int VyrCamera::GetNextFirmwareBlock() { return camdProxy->GetNextFirmwareBlock(); }
 

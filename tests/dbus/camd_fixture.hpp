@@ -63,8 +63,12 @@ class CamdBusTest : public ::testing::Test {
     fwDir_ = bus_->Dir() + "/fw-" + ::testing::UnitTest::GetInstance()->current_test_info()->name();
     std::filesystem::create_directories(fwDir_);
     setenv("QUORVEX_FIRMWARE_DIR", fwDir_.c_str(), 1);
+    setenv("QUORVEX_LOCK_DIR", fwDir_.c_str(), 1);
   }
-  void TearDown() override { unsetenv("QUORVEX_FIRMWARE_DIR"); }  // the directory goes with the bus
+  void TearDown() override {  // the directory goes with the bus
+    unsetenv("QUORVEX_FIRMWARE_DIR");
+    unsetenv("QUORVEX_LOCK_DIR");
+  }
 
   void StartSim(const std::vector<std::string>& args) {
     sim_.reset();  // the service name is free again before the next one asks for it

@@ -14,6 +14,7 @@ namespace Updater::Testing {
 class FakeClock : public Updater::Clock {
  public:
   time_point Now() override { return time_point(std::chrono::nanoseconds(now_ns_.load())); }
+  steady_point Monotonic() override { return steady_point(std::chrono::nanoseconds(now_ns_.load())); }
 
   void Sleep(std::chrono::nanoseconds d) override {
     sleeps_.fetch_add(1);

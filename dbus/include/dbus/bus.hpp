@@ -2,8 +2,6 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
-#include <vector>
 
 namespace sdbus {
 class IConnection;
@@ -18,24 +16,10 @@ namespace Updater::Dbus {
 bool Initialized();
 void Initialize();
 
-// Owns the message dispatching of the connections it hands out: each
-// connection's event loop runs in the library's own thread from the moment
-// it is created until the dispatcher or the connection goes.
-class Dispatcher {
- public:
-  static std::shared_ptr<Dispatcher> Create();
-  ~Dispatcher();
-  Dispatcher(const Dispatcher&) = delete;
-  Dispatcher& operator=(const Dispatcher&) = delete;
-
-  // A connection to the session bus ($DBUS_SESSION_BUS_ADDRESS), already
-  // dispatching.
-  std::shared_ptr<sdbus::IConnection> CreateSessionConnection();
-
- private:
-  Dispatcher() = default;
-  std::mutex mutex_;
-  std::vector<std::weak_ptr<sdbus::IConnection>> connections_;
-};
+// A connection to the session bus ($DBUS_SESSION_BUS_ADDRESS). No event loop
+// runs on it: the updater only makes synchronous calls, which read their own
+// replies, so a bus that goes away is an error of the call that meets it
+// rather than an exception on a thread nobody can catch. Throws sdbus::Error.
+std::unique_ptr<sdbus::IConnection> ConnectSessionBus();
 
 }  // namespace Updater::Dbus

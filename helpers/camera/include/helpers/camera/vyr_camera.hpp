@@ -3,10 +3,24 @@
 //
 // camd decides which byte position it wants next; the helper only reads one
 // chunk of the current packet size at that position and sends it.
+//
+// Safety limits beyond camd's protocol:
+// - one run per camera at a time: an exclusive lock per camera index in
+//   $QUORVEX_LOCK_DIR (default /run/lock), taken before camd is asked anything;
+// - every chunk comes from the image the update check opened, even if a
+//   package manager replaces the file meanwhile;
+// - images camd's signed 32-bit positions cannot address are refused;
+// - a stall limit ($QUORVEX_STALL_SECONDS, default 300, 0 = none): the update
+//   check may take that long in all, and the block loop gives up once no new
+//   byte has been acknowledged for that long.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <fstream>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "common/clock.hpp"
@@ -18,6 +32,8 @@ namespace Updater::Helpers {
 
 class VyrCamera : public UpdateHelper {
  public:
+  static constexpr std::chrono::seconds kDefaultStallLimit{300};
+
   // Brings up D-Bus and builds the proxy for camera `cameraIndex` (the text
   // as typed on the command line). `clock` serves every wait of the update.
   explicit VyrCamera(std::string cameraIndex, Clock& clock = SystemClock());
@@ -34,16 +50,30 @@ class VyrCamera : public UpdateHelper {
 
   CamdDbusIface& Proxy() { return *camdProxy; }
   const std::string& FirmwarePath() const { return firmwarePath; }
+  // Highest end of a chunk camd has acknowledged, in bytes.
+  std::int64_t AcknowledgedBytes() const { return ackedEnd_; }
 
  private:
+  bool TakeLock();
+  int CheckWithCamd(const std::function<bool()>& expired);
+  bool Stalled(int block);
+
   std::shared_ptr<CamdDbusIface> camdProxy;
   std::int32_t blockSize = 64;
   std::int32_t reserved = -1;
   std::int32_t fileVersion = -1;
   std::string firmwarePath;
-  std::shared_ptr<Dbus::Dispatcher> dispatcher;
-  std::shared_ptr<sdbus::IConnection> connection;
+
+  const std::string cameraIndex_;
   Clock& clock_;
+  std::optional<std::chrono::seconds> stallLimit_;
+  int lockFd_ = -1;
+  std::ifstream image_;
+  // The chunk on its way and the progress it may make once acknowledged.
+  std::int64_t sentBlock_ = 0;
+  std::int64_t sentBytes_ = 0;
+  std::int64_t ackedEnd_ = 0;
+  Clock::steady_point lastProgress_;
 };
 
 }  // namespace Updater::Helpers
