@@ -1,4 +1,5 @@
 // The camd client and the camera helper in process against camd-sim, on a fake clock (no real waits).
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -67,23 +68,47 @@ TEST_F(CamdTest, ResultsArgumentTypesAndRetries) {
     EXPECT_EQ(CountOf(log, line), 1u) << line;
 }
 
-TEST_F(CamdTest, CamdAbsentEveryReplyMethodFailsAfterFiveTries) {
-  Helpers::VyrCamera camera("0", clock_);
-  auto& camd = camera.Proxy();
-  const std::vector<std::pair<long, std::function<long()>>> calls = {
-      {-1, [&] { return camd.GetCameraFirmwareVersion(); }}, {-1, [&] { return camd.GetPreviouslyDownloadedChunks(); }},
-      {-1, [&] { return camd.GetFlashRegion(); }}, {-1, [&] { return camd.GetNextFirmwareBlock(); }},
-      {0, [&] { return camd.SendUpdateAvailable(1, 2, 3); }}, {0, [&] { return camd.UpdateInfoReceived(); }},
-      {0, [&] { return camd.SendFirmwareBlock(0, {1, 2}); }}};
-  for (const auto& [failure, call] : calls) {
-    long result = 42;
-    const auto err = Capture([&, &call = call] { result = call(); }).err;
-    EXPECT_EQ(result, failure);
-    EXPECT_EQ(CountOf(err, "Dbus::Error: "), 5u) << err;
-    EXPECT_EQ(CountOf(err, "Dbus::Error: The name com.quorvex.common.Camd1 was not provided"), 5u) << err;
+// camd absent, an index the library refuses as a path element, a bus that cannot
+// be reached: each is a failed try of every call, never an abort.
+TEST_F(CamdTest, UnreachableCamdFailsEveryCallAfterFiveTries) {
+  const struct {
+    std::string index, address, error;
+    std::size_t noReplyErrors;  // of the three calls that expect no reply
+  } rows[] = {
+      {"0", "", "The name com.quorvex.common.Camd1 was not provided", 0},
+      {"a-b", "", "Invalid object path '/com/quorvex/common/Camd1/Cameraa-b'", 15},
+      {"0", "unix:path=/nonexistent/bus", "Failed to open bus (No such file or directory) at [unix:path=/nonexistent/bus]", 15},
+  };
+  const std::string bus = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.error);
+    if (!row.address.empty()) setenv("DBUS_SESSION_BUS_ADDRESS", row.address.c_str(), 1);
+    FakeClock clock;
+    Helpers::VyrCamera camera(row.index, clock);
+    auto& camd = camera.Proxy();
+    const std::vector<std::pair<long, std::function<long()>>> calls = {
+        {-1, [&] { return camd.GetCameraFirmwareVersion(); }}, {-1, [&] { return camd.GetPreviouslyDownloadedChunks(); }},
+        {-1, [&] { return camd.GetFlashRegion(); }}, {-1, [&] { return camd.GetNextFirmwareBlock(); }},
+        {0, [&] { return camd.SendUpdateAvailable(1, 2, 3); }}, {0, [&] { return camd.UpdateInfoReceived(); }},
+        {0, [&] { return camd.SendFirmwareBlock(0, {1, 2}); }}};
+    for (const auto& [failure, call] : calls) {
+      long result = 42;
+      const auto err = Capture([&, &call = call] { result = call(); }).err;
+      EXPECT_EQ(result, failure);
+      EXPECT_EQ(CountOf(err, "Dbus::Error: "), 5u) << err;
+      EXPECT_EQ(CountOf(err, "Dbus::Error: " + row.error), 5u) << err;
+    }
+    // Nobody waits for an answer that is never asked for; only a local failure counts.
+    const auto err = Capture([&] { camd.RequestUpdateInfo(), camd.ClearPendingUpdate(), camd.DequeuePacket(); }).err;
+    EXPECT_EQ(CountOf(err, "Dbus::Error: "), row.noReplyErrors) << err;
+    // The update check then ends as with camd absent: 102 polls, not updating.
+    int update = -1;
+    EXPECT_THAT(Capture([&] { update = camera.CheckForUpdate(); }).err,
+                ::testing::EndsWith("Error asking camd for update info status, not updating\n"));
+    EXPECT_EQ(update, 0);
+    EXPECT_EQ(clock.Slept(), 102 * 100ms);
+    setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
   }
-  // Nobody waits for an answer that is never asked for.
-  EXPECT_EQ(Capture([&] { camd.RequestUpdateInfo(), camd.ClearPendingUpdate(), camd.DequeuePacket(); }).err, "");
 }
 
 TEST_F(CamdTest, WrongReplyTypeEscapesOnTheFirstTry) {
@@ -131,12 +156,17 @@ TEST_F(CamdTest, AckWaitAdaptsThePacketSize) {
     int endSize, polls, dequeues, sleeps;
   } rows[] = {
       {{"--lose-acks=1-10"}, 64, 1, drop + "32]\n", lost, 32, 10, 1, 10},
+      {{"--lose-acks=1-10"}, 2, 1, drop + "1]\n", lost, 1, 10, 1, 10},
+      {{"--lose-acks=1-10"}, 1, 1, drop + "1]\n", lost, 1, 10, 1, 10},  // the floor holds
       {{"--lose-acks=1-3"}, 16, 0, "camd ACK status: 0\nBumping packet size to [32]\n", "", 32, 4, 0, 3},
       // Not a halving of 64 but below the ceiling: it doubles past 64.
       {{}, 63, 0, "camd ACK status: 0\nBumping packet size to [126]\n", "", 126, 1, 0, 0},
       {{"--ack-status=1-:5"}, 64, 5, "camd ACK status: 5\n", "", 64, 10, 0, 10},
       {{"--error=WaitForAck@1"}, 64, 1, "Exception caught: [com.quorvex.common.Camd1.Error.Injected] injected "
        "failure of WaitForAck\n" + drop + "32]\n", lost, 32, 1, 1, 0},
+      // Once camd has said the image is complete, a later error cannot make it a loss.
+      {{"--ack-status=1:3", "--error=WaitForAck@2"}, 64, 3, "Exception caught: [com.quorvex.common.Camd1.Error.Injected] "
+       "injected failure of WaitForAck\ncamd ACK status: 3\n", "", 64, 2, 0, 1},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.out);
@@ -190,11 +220,64 @@ TEST_F(CamdTest, PollsAndTheChecksumOfALargeImage) {
   EXPECT_EQ(Capture([] { std::cout << 255 << std::endl; }).out, "ff\n");  // stdout stays hex
 }
 
+// What the update check refuses, and the stall limit on the check and on the block loop.
+TEST_F(CamdTest, SafetyLimits) {
+  const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- ", reset = "\033[0m\n";
+  const struct {
+    std::vector<std::string> sim;
+    std::uintmax_t imageBytes;
+    const char* stallSeconds;
+    int update;
+    std::string out;  // found on standard output
+    std::size_t infoPolls;
+  } rows[] = {
+      {{"--version=2"}, 100, nullptr, 0, "File version: 2\nAsking camd for firmware version\nCam version: 2\n", 1},
+      {{"--version=-1"}, 100, nullptr, 1, "Cam version: -1\nChecksum:", 1},  // a real -1 is older
+      {{"--version=5", "--error=GetCameraFirmwareVersion@1-5"}, 100, nullptr, 0,
+       "Cam version: 5\n" + red + "The camera's firmware version could not be read, so the camera is not updated" + reset, 1},
+      {{}, 1ull << 31, nullptr, 0, "] is 2147483648 bytes, more than camd can address; not updating" + reset, 1},
+      {{"--info-false=forever"}, 100, "5", 0, "", 50},  // 50 polls of 100 ms
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.out);
+    StartSim(row.sim);
+    std::filesystem::resize_file(AddPackage(2, {1, 2, 3}), row.imageBytes);  // sparse when large
+    row.stallSeconds ? setenv("QUORVEX_STALL_SECONDS", row.stallSeconds, 1) : unsetenv("QUORVEX_STALL_SECONDS");
+    FakeClock clock;
+    Helpers::VyrCamera camera("0", clock);
+    int update = -1;
+    const auto run = Capture([&] { update = camera.CheckForUpdate(); });
+    EXPECT_EQ(update, row.update);
+    EXPECT_NE(run.out.find(row.out), std::string::npos) << run.out;
+    EXPECT_EQ(SimCalls("UpdateInfoReceived"), row.infoPolls);
+    EXPECT_EQ(SimCalls("SendUpdateAvailable"), static_cast<std::size_t>(row.update));
+    EXPECT_EQ(clock.Slept(), row.infoPolls > 1 ? 5s : 0s);
+  }
+
+  // Every chunk lost: three rounds of ten polls (2 s each) pass a 5 s limit.
+  StartSim({"--loss-rate=1"});
+  AddPackage(2, RandomBytes(1000, 3));
+  setenv("QUORVEX_STALL_SECONDS", "5", 1);
+  Helpers::VyrCamera camera("0", clock_);
+  unsetenv("QUORVEX_STALL_SECONDS");
+  int sends = 0;
+  const auto run = Capture([&] {
+    camera.CheckForUpdate();
+    for (int block = camera.GetFirstUpdateBlock(); camera.SendFirmwareBlock(block); ++sends) camera.WaitForAck(0);
+  });
+  EXPECT_EQ(sends, 3);
+  EXPECT_THAT(run.out, ::testing::EndsWith(red + "No progress for 6 s, at block [0]; giving up the update" + reset));
+}
+
 TEST_F(CamdTest, BlockReadsAtTheEdgesOfTheFile) {
   StartSim({});
   AddPackage(2, RandomBytes(1000, 7));
   Helpers::VyrCamera camera("0", clock_);
   Capture([&] { EXPECT_EQ(camera.CheckForUpdate(), 1); });
+  // Position 0 is a real answer: one call, no pause.
+  Capture([&] { EXPECT_EQ(camera.GetFirstUpdateBlock(), 0); });
+  EXPECT_EQ(SimCalls("GetFirstUpdateBlock"), 1u);
+  EXPECT_EQ(clock_.Sleeps(), 0);
   const std::string past = "extends past file (length [1000]), this should be the last chunk!\n";
   const std::string shortRead = "Couldn't read full [64] bytes into chunk, only read [";
   const struct {
@@ -206,6 +289,7 @@ TEST_F(CamdTest, BlockReadsAtTheEdgesOfTheFile) {
       {1001, 64, 0, -1, "This block: [3e9], blockSize: [40]\n",
        "Calculated chunk start of [1001] which is larger than the firmware file... aborting update.\n"},
       {0, 64, 1, 64, "This block: [0], blockSize: [40]\n", ""},
+      {936, 64, 1, 64, "This block: [3a8], blockSize: [40]\n", ""},  // ends exactly at the end: no warning
       {0, 0, 0, -1, "", "Invalid chunk size from camd: [0], can't update camera firmware.\n"},
   };
   for (const auto& row : rows) {
@@ -223,11 +307,26 @@ TEST_F(CamdTest, BlockReadsAtTheEdgesOfTheFile) {
   }
 }
 
+// Lends the machine a camera, with something done between the update check and the first block.
+struct AfterCheck : Helpers::UpdateHelper {
+  AfterCheck(Helpers::UpdateHelper& h, std::function<void()> f) : inner(h), then(std::move(f)) {}
+  int CheckForUpdate() override { const int r = inner.CheckForUpdate(); return then(), r; }
+  bool HaveUpdateFile() override { return inner.HaveUpdateFile(); }
+  int GetFirstUpdateBlock() override { return inner.GetFirstUpdateBlock(); }
+  int SendFirmwareBlock(int block) override { return inner.SendFirmwareBlock(block); }
+  int WaitForAck(unsigned block) override { return inner.WaitForAck(block); }
+  int GetNextFirmwareBlock() override { return inner.GetNextFirmwareBlock(); }
+  Helpers::UpdateHelper& inner;
+  std::function<void()> then;
+};
+
 TEST_F(CamdTest, WholeUpdatesArriveIntact) {
+  constexpr std::size_t kAny = SIZE_MAX;
   const struct {
     std::size_t length;
     std::vector<std::string> sim, has;  // has: in what the updater or camd-sim wrote
     std::size_t dequeues, sends;
+    bool replaceImage = false;  // a package manager renames a new image over the file after the check
   } rows[] = {
       {0, {}, {"Checksum:ffff\nThis file [0] contains [0] chunks of [40]\n", "position=0 bytes=0 -> true"}, 0, 1},
       // Ten lost answers for the second chunk: dropped, resent at half size, grown back.
@@ -239,6 +338,8 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
        7, 17},
       {1500, {"--first=1024", "--preload="}, {"                First:400\nReady with block #400\n",
        "GetFirstUpdateBlock -> 1024\ncamd-sim[0]: SendFirmwareBlock position=1024 bytes=64"}, 0, 8},
+      {1000, {"--loss-rate=0.9", "--seed=5"}, {"Dropping packet size to [20]\n"}, kAny, kAny},  // lossy, within the stall limit
+      {1000, {}, {}, 0, 16, true},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.length);
@@ -250,14 +351,19 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
     args.push_back("--out=" + OutPath());
     StartSim(args);
     Helpers::VyrCamera camera("0", clock_);
+    AfterCheck helper(camera, [&] {
+      if (!row.replaceImage) return;
+      std::ofstream(path + ".new", std::ios::binary) << std::string(row.length, 'x');
+      std::filesystem::rename(path + ".new", path);
+    });
     const auto run = Capture([&] {
       SM::UpdateMachine machine;  // as main runs it
-      machine.SetHelper(&camera);
+      machine.SetHelper(&helper);
       machine.start();
     });
     for (const auto& text : row.has) EXPECT_NE((run.out + sim_->Log()).find(text), std::string::npos) << text;
-    EXPECT_EQ(SimCalls("DequeuePacket"), row.dequeues);
-    EXPECT_EQ(SimCalls("SendFirmwareBlock"), row.sends);
+    EXPECT_EQ(row.dequeues == kAny ? kAny : SimCalls("DequeuePacket"), row.dequeues);
+    EXPECT_EQ(row.sends == kAny ? kAny : SimCalls("SendFirmwareBlock"), row.sends);
     EXPECT_EQ(ReadFile(OutPath()), image);
     EXPECT_NE(sim_->Out().find("VERDICT ok camera=0 bytes=" + std::to_string(row.length)), std::string::npos);
   }

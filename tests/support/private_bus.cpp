@@ -81,6 +81,8 @@ PrivateBus::~PrivateBus() {
   std::filesystem::remove_all(dir_, ignored);
 }
 
+void PrivateBus::Kill() { kill(pid_, SIGKILL); }
+
 CamdSimProcess::CamdSimProcess(const std::string& binary, const std::vector<std::string>& args,
                                const std::string& workDir) {
   static std::atomic<int> serial{0};

@@ -18,6 +18,8 @@ class PrivateBus {
 
   // A scratch directory that lives as long as the bus.
   const std::string& Dir() const { return dir_; }
+  // Ends the daemon at once, as a crash would; whoever is connected loses the bus.
+  void Kill();
 
  private:
   std::string dir_;

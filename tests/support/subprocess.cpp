@@ -53,9 +53,10 @@ ProcessResult RunProcess(const std::string& path, const std::vector<std::string>
   }
   close(outPipe[1]);
   close(errPipe[1]);
+  if (options.closedStdout) close(outPipe[0]);
 
   ProcessResult result;
-  int fds[2] = {outPipe[0], errPipe[0]};
+  int fds[2] = {options.closedStdout ? -1 : outPipe[0], errPipe[0]};
   bool killed = false;
   while (fds[0] >= 0 || fds[1] >= 0) {
     const auto now = std::chrono::steady_clock::now();

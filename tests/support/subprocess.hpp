@@ -25,6 +25,7 @@ struct ProcessOptions {
   // Polled as output arrives: returning true kills the child (SIGTERM) and returns.
   std::function<bool(const std::string& out, const std::string& err)> stopWhen;
   std::string argv0;  // when not empty, passed as argv[0] instead of the path
+  bool closedStdout = false;  // nobody reads standard output: writes to it fail with EPIPE
 };
 
 // Runs `path` with `args` (argv[1..]). Never throws on the child's failure.
