@@ -1,7 +1,7 @@
 # Sourced by the other scripts: makes sure the Debian packages the build
 # and the tests need are installed.
 FWU_PACKAGES="cmake g++ make pkg-config libboost-dev libsdbus-c++-dev \
-libsystemd-dev dbus-daemon libgtest-dev libgmock-dev libbenchmark-dev"
+libsystemd-dev dbus-daemon libgtest-dev libgmock-dev libbenchmark-dev valgrind"
 
 fwu_install_deps() {
   local missing=""
@@ -12,7 +12,7 @@ fwu_install_deps() {
   if [ "$(id -u)" -eq 0 ]; then
     echo "Installing:$missing"
     export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq && apt-get install -y -qq --no-install-recommends $missing >/dev/null
+    apt-get -o DPkg::Lock::Timeout=600 update -qq && apt-get -o DPkg::Lock::Timeout=600 install -y -qq --no-install-recommends $missing >/dev/null
   else
     echo "Missing packages:$missing" >&2
     echo "Run: sudo apt-get install -y$missing" >&2
