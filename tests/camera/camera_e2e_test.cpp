@@ -20,7 +20,7 @@ const std::string kYellow = "\033[0;33m", kReset = "\033[0m";
 const std::string kClosing = kYellow + "fw-updater Debug: Exiting firmware-updater ..." + kReset + "\n";
 
 using CameraEndToEndTest = CamdBusTest;
-ProcessResult RunUpdater() { return RunProcess(FWU_UPDATER_BIN, {"camera", "0"}); }  // 60 s at most
+ProcessResult RunUpdater() { return RunProcess(UpdaterBinary(), {"camera", "0"}); }  // 60 s at most
 
 TEST_F(CameraEndToEndTest, DeliversAnImageWithAShortLastChunk) {
   const auto image = RandomBytes(1000, 11);  // 15 chunks of 64 and one of 40

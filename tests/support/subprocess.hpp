@@ -27,6 +27,21 @@ struct ProcessOptions {
   std::string argv0;  // when not empty, passed as argv[0] instead of the path
 };
 
+// What to exec for `path` with `args`: the path itself, or, when the binaries
+// were built for another machine, the emulator named in FWU_TEST_EMULATOR
+// (whitespace-separated, e.g. "qemu-aarch64 -L /"; the build's own emulator
+// when unset) with the path after it. `argv0`, when not empty, is what the
+// program sees as argv[0].
+struct Command {
+  std::string program;             // for execvp
+  std::vector<std::string> argv;
+};
+Command CommandFor(const std::string& path, const std::vector<std::string>& args, const std::string& argv0 = "");
+
+// The firmware-updater under test: FWU_TEST_UPDATER when set (an installed
+// copy), else the one this tree built.
+std::string UpdaterBinary();
+
 // Runs `path` with `args` (argv[1..]). Never throws on the child's failure.
 ProcessResult RunProcess(const std::string& path, const std::vector<std::string>& args,
                          const ProcessOptions& options = {});
