@@ -89,9 +89,7 @@ CamdSimProcess::CamdSimProcess(const std::string& binary, const std::vector<std:
   stem_ = workDir + "/camd-sim." + std::to_string(getpid()) + "." + std::to_string(serial++);
   // Through the emulator, when there is one; the bus daemon always runs natively.
   auto command = CommandFor(binary, args);
-  std::vector<char*> argv;
-  for (auto& a : command.argv) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  auto argv = command.ExecArgv();
 
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");

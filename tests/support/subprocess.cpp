@@ -56,9 +56,7 @@ ProcessResult RunProcess(const std::string& path, const std::vector<std::string>
     throw std::runtime_error("pipe failed");
 
   auto command = CommandFor(path, args, options.argv0);
-  std::vector<char*> argv;
-  for (auto& a : command.argv) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  auto argv = command.ExecArgv();
 
   const auto started = std::chrono::steady_clock::now();
   const pid_t pid = fork();

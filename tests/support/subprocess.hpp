@@ -33,8 +33,14 @@ struct ProcessOptions {
 // when unset) with the path after it. `argv0`, when not empty, is what the
 // program sees as argv[0].
 struct Command {
-  std::string program;             // for execvp
+  std::string program;
   std::vector<std::string> argv;
+  std::vector<char*> ExecArgv() {  // execvp(program.c_str(), ExecArgv().data()), while *this lives
+    std::vector<char*> v;
+    for (auto& a : argv) v.push_back(a.data());
+    v.push_back(nullptr);
+    return v;
+  }
 };
 Command CommandFor(const std::string& path, const std::vector<std::string>& args, const std::string& argv0 = "");
 

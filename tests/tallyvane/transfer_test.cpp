@@ -60,9 +60,7 @@ TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
   auto sim_command = Updater::Testing::CommandFor(
       TALLYVANE_SIM_BIN, {"--uplink", uplink, "--downlink", dir / "downlink", "--out", dir / "received.bin",
                           "--version-file", dir / "board-version", "--board-version", "3"});
-  std::vector<char*> argv;
-  for (auto& a : sim_command.argv) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  auto argv = sim_command.ExecArgv();
   const pid_t sim = fork();
   if (sim == 0) {
     dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
