@@ -23,7 +23,7 @@ const std::string kYellow = "\033[0;33m", kReset = "\033[0m";
 const std::string kClosing = kYellow + "fw-updater Debug: Exiting firmware-updater ..." + kReset + "\n";
 
 using CameraEndToEndTest = CamdBusTest;
-ProcessResult RunUpdater(const ProcessOptions& options = {}) { return RunProcess(FWU_UPDATER_BIN, {"camera", "0"}, options); }
+ProcessResult RunUpdater(const ProcessOptions& options = {}) { return RunProcess(UpdaterBinary(), {"camera", "0"}, options); }
 
 TEST_F(CameraEndToEndTest, DeliversAnImageWithAShortLastChunk) {
   const auto image = RandomBytes(1000, 11);  // 15 chunks of 64 and one of 40

@@ -21,7 +21,7 @@ auto RunUpdater(const std::vector<std::string>& args) {
   ProcessOptions options;
   options.argv0 = "fw-up-argv0";
   options.timeout = std::chrono::seconds(20);
-  return RunProcess(FWU_UPDATER_BIN, args, options);
+  return RunProcess(Updater::Testing::UpdaterBinary(), args, options);
 }
 
 TEST(CommandLine, NoTargetNamesTheProgramAndFailsWith1) {

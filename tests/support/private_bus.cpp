@@ -20,6 +20,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "subprocess.hpp"
+
 namespace Updater::Testing {
 namespace {
 
@@ -87,9 +89,9 @@ CamdSimProcess::CamdSimProcess(const std::string& binary, const std::vector<std:
                                const std::string& workDir) {
   static std::atomic<int> serial{0};
   stem_ = workDir + "/camd-sim." + std::to_string(getpid()) + "." + std::to_string(serial++);
-  std::vector<char*> argv{const_cast<char*>(binary.c_str())};
-  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
+  // Through the emulator, when there is one; the bus daemon always runs natively.
+  auto command = CommandFor(binary, args);
+  auto argv = command.ExecArgv();
 
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
@@ -100,7 +102,7 @@ CamdSimProcess::CamdSimProcess(const std::string& binary, const std::vector<std:
       const int file = open((stem_ + ext).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       if (file < 0 || dup2(file, fd) < 0) _exit(126);
     }
-    execv(binary.c_str(), argv.data());
+    execvp(command.program.c_str(), argv.data());
     _exit(127);
   }
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <algorithm>
 #include <cstdlib>
+#include <sstream>
 #include <stdexcept>
 
 namespace Updater::Testing {
@@ -26,18 +27,36 @@ void DrainInto(int& fd, std::string& sink) {
 }
 }  // namespace
 
+Command CommandFor(const std::string& path, const std::vector<std::string>& args, const std::string& argv0) {
+  const char* named = std::getenv("FWU_TEST_EMULATOR");
+  std::istringstream emulator(named ? named : FWU_TEST_EMULATOR_DEFAULT);
+  Command command;
+  for (std::string word; emulator >> word;) command.argv.push_back(word);
+  if (command.argv.empty()) {
+    command.program = path;
+    command.argv.push_back(argv0.empty() ? path : argv0);
+  } else {
+    command.program = command.argv.front();
+    if (!argv0.empty()) command.argv.insert(command.argv.end(), {"-0", argv0});  // qemu-user's own option
+    command.argv.push_back(path);
+  }
+  command.argv.insert(command.argv.end(), args.begin(), args.end());
+  return command;
+}
+
+std::string UpdaterBinary() {
+  const char* installed = std::getenv("FWU_TEST_UPDATER");
+  return installed && *installed ? installed : FWU_UPDATER_BIN;
+}
+
 ProcessResult RunProcess(const std::string& path, const std::vector<std::string>& args,
                          const ProcessOptions& options) {
   int outPipe[2], errPipe[2];
   if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
     throw std::runtime_error("pipe failed");
 
-  std::vector<std::string> argvStore;
-  argvStore.push_back(options.argv0.empty() ? path : options.argv0);
-  argvStore.insert(argvStore.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& a : argvStore) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  auto command = CommandFor(path, args, options.argv0);
+  auto argv = command.ExecArgv();
 
   const auto started = std::chrono::steady_clock::now();
   const pid_t pid = fork();
@@ -48,7 +67,7 @@ ProcessResult RunProcess(const std::string& path, const std::vector<std::string>
     setpgid(0, 0);
     for (const auto& name : options.unsetEnv) unsetenv(name.c_str());
     for (const auto& [name, value] : options.env) setenv(name.c_str(), value.c_str(), 1);
-    execv(path.c_str(), argv.data());
+    execvp(command.program.c_str(), argv.data());
     _exit(127);
   }
   close(outPipe[1]);

@@ -28,6 +28,27 @@ struct ProcessOptions {
   bool closedStdout = false;  // nobody reads standard output: writes to it fail with EPIPE
 };
 
+// What to exec for `path` with `args`: the path itself, or, when the binaries
+// were built for another machine, the emulator named in FWU_TEST_EMULATOR
+// (whitespace-separated, e.g. "qemu-aarch64 -L /"; the build's own emulator
+// when unset) with the path after it. `argv0`, when not empty, is what the
+// program sees as argv[0].
+struct Command {
+  std::string program;
+  std::vector<std::string> argv;
+  std::vector<char*> ExecArgv() {  // execvp(program.c_str(), ExecArgv().data()), while *this lives
+    std::vector<char*> v;
+    for (auto& a : argv) v.push_back(a.data());
+    v.push_back(nullptr);
+    return v;
+  }
+};
+Command CommandFor(const std::string& path, const std::vector<std::string>& args, const std::string& argv0 = "");
+
+// The firmware-updater under test: FWU_TEST_UPDATER when set (an installed
+// copy), else the one this tree built.
+std::string UpdaterBinary();
+
 // Runs `path` with `args` (argv[1..]). Never throws on the child's failure.
 ProcessResult RunProcess(const std::string& path, const std::vector<std::string>& args,
                          const ProcessOptions& options = {});

@@ -29,7 +29,7 @@ TEST(TallyvaneCommandLine, GivesUpOnTheBoardAfterTenSecondsThenKeepsReadingTheDe
     if (!doneAt && out.find("Entered: UpdateDone\n") != std::string::npos) doneAt = Clock::now();
     return doneAt && Clock::now() - *doneAt > 1500ms;  // time to show that it does not end on its own
   };
-  const auto run = Updater::Testing::RunProcess(FWU_UPDATER_BIN, {"tallyvane"}, options);
+  const auto run = Updater::Testing::RunProcess(Updater::Testing::UpdaterBinary(), {"tallyvane"}, options);
   ASSERT_TRUE(refusedAt.has_value()) << run.out;
   EXPECT_GE(*refusedAt - started, 10200ms);
   EXPECT_LT(*refusedAt - started, 13s);

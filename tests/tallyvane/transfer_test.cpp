@@ -14,6 +14,7 @@
 
 #include "helpers/tallyvane/tallyvane.hpp"
 #include "sm/update_machine.hpp"
+#include "subprocess.hpp"
 #include "temp_dir.hpp"
 #include "vyrcam/packets.hpp"
 
@@ -56,15 +57,14 @@ TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
   setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir / "downlink").c_str(), 1);
   setenv("QUORVEX_TALLYVANE_VERSION_FILE", (dir / "board-version").c_str(), 1);
   const std::string uplink = dir / "uplink", log = dir / "sim.log";
-  std::vector<std::string> args{TALLYVANE_SIM_BIN, "--uplink", uplink, "--downlink", dir / "downlink", "--out",
-                                dir / "received.bin", "--version-file", dir / "board-version", "--board-version", "3"};
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  auto sim_command = Updater::Testing::CommandFor(
+      TALLYVANE_SIM_BIN, {"--uplink", uplink, "--downlink", dir / "downlink", "--out", dir / "received.bin",
+                          "--version-file", dir / "board-version", "--board-version", "3"});
+  auto argv = sim_command.ExecArgv();
   const pid_t sim = fork();
   if (sim == 0) {
     dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-    execv(argv[0], argv.data());
+    execvp(sim_command.program.c_str(), argv.data());
     _exit(127);
   }
   ASSERT_GT(sim, 0);
