@@ -1,5 +1,6 @@
 #include "helpers/camera/vyr_camera.hpp"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <fstream>
@@ -29,7 +30,8 @@ std::int32_t FileSize(std::ifstream& file) {
 
 }  // namespace
 
-VyrCamera::VyrCamera(std::string cameraIndex, Clock& clock) : clock_(clock) {
+VyrCamera::VyrCamera(std::string cameraIndex, Clock& clock)
+    : clock_(clock), progress_("camera " + cameraIndex, clock) {
   Dbus::Initialize();
   dispatcher = Dbus::Dispatcher::Create();
   connection = dispatcher->CreateSessionConnection();
@@ -83,6 +85,7 @@ int VyrCamera::CheckForUpdate() {
   std::cout << "This file [" << size << "] contains [" << size << "] chunks of ["
             << camdProxy->packetSize << "]" << std::endl;
   camdProxy->SendUpdateAvailable(fileVersion, static_cast<int>(checksum), size);
+  imageSize_ = size;  // progress
   return true;
 }
 
@@ -110,11 +113,17 @@ int VyrCamera::SendFirmwareBlock(int block) {
   std::cout << "This block: [" << block << "], blockSize: [" << blockSize << "]" << std::endl;
   auto chunk = Image::ReadChunk(file, size, block, blockSize);
   if (!chunk) return false;
+  sentEnd_ = block + static_cast<std::int64_t>(chunk->size());  // progress
   // A shortened chunk still goes out: that is how the last one is sent.
   return camdProxy->SendFirmwareBlock(block, std::move(*chunk));
 }
 
-int VyrCamera::WaitForAck(unsigned /*block*/) { return camdProxy->WaitForAck(); }
+int VyrCamera::WaitForAck(unsigned /*block*/) {
+  const int status = camdProxy->WaitForAck();
+  // Progress: 0 and 3 both mean camd kept the chunk just sent.
+  if (status == 0 || status == 3) progress_.Report(ackedEnd_ = std::max(ackedEnd_, sentEnd_), imageSize_);
+  return status;
+}
 
 int VyrCamera::GetNextFirmwareBlock() { return camdProxy->GetNextFirmwareBlock(); }
 

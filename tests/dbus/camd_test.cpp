@@ -4,6 +4,9 @@
 #include <functional>
 
 #include "camd_fixture.hpp"
+#include "common/notify.hpp"
+#include "notify_socket.hpp"
+#include "temp_dir.hpp"
 #include "dbus/bus.hpp"
 #include "dbus/camd_methods.hpp"
 #include "dbus/errors.hpp"
@@ -36,6 +39,20 @@ TEST(CamdMethodTable, MatchesTheDocumentedInterface) {
               method.name + ("(" + std::string(method.in) + ")") + method.out + (method.reply == Camd::Reply::None ? " noreply" : ""));
   }
   EXPECT_EQ(row, Camd::kMethods.size());
+}
+
+// Within a second only the line that completes the transfer goes out, and only once.
+TEST(ProgressNotifier, AtMostOneLineASecondButTheCompleteOneAlways) {
+  TempDir dir;
+  NotifySocket notify(dir / "notify");
+  FakeClock clock;
+  setenv("NOTIFY_SOCKET", notify.Path().c_str(), 1);
+  ProgressNotifier progress("camera 7", clock);
+  progress.Report(10, 200), clock.Advance(999ms), progress.Report(20, 200), clock.Advance(1ms), progress.Report(30, 200);
+  progress.Report(200, 200), progress.Report(200, 200);
+  unsetenv("NOTIFY_SOCKET");
+  EXPECT_EQ(notify.Take(), (std::vector<std::string>{"STATUS=camera 7: 10/200 bytes (5%)",
+            "STATUS=camera 7: 30/200 bytes (15%)", "STATUS=camera 7: 200/200 bytes (100%)"}));
 }
 
 TEST_F(CamdTest, ResultsArgumentTypesAndRetries) {
@@ -240,8 +257,11 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
       {1500, {"--first=1024", "--preload="}, {"                First:400\nReady with block #400\n",
        "GetFirstUpdateBlock -> 1024\ncamd-sim[0]: SendFirmwareBlock position=1024 bytes=64"}, 0, 8},
   };
+  NotifySocket notify(bus_->Dir() + "/notify");  // systemd's, for the progress lines
+  setenv("NOTIFY_SOCKET", notify.Path().c_str(), 1);
   for (const auto& row : rows) {
     SCOPED_TRACE(row.length);
+    const auto started = clock_.Now();
     const auto image = RandomBytes(row.length, 4);
     const std::string path = AddPackage(3, image);
     auto args = row.sim;
@@ -260,7 +280,23 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
     EXPECT_EQ(SimCalls("SendFirmwareBlock"), row.sends);
     EXPECT_EQ(ReadFile(OutPath()), image);
     EXPECT_NE(sim_->Out().find("VERDICT ok camera=0 bytes=" + std::to_string(row.length)), std::string::npos);
+
+    // Rising acknowledged bytes, the first chunk's and the last, at most one line a second besides the last.
+    const auto status = notify.Take();
+    EXPECT_GE(status.size(), row.length > 64 ? 2u : 1u);
+    EXPECT_LE(status.size(), 2u + static_cast<std::size_t>((clock_.Now() - started) / 1s));
+    long long done = -1, total = -1, last = -1;
+    for (const auto& line : status) {
+      EXPECT_EQ(std::sscanf(line.c_str(), "STATUS=camera 0: %lld/%lld", &done, &total), 2) << line;
+      EXPECT_EQ(line, "STATUS=camera 0: " + std::to_string(done) + "/" + std::to_string(total) + " bytes (" +
+                          std::to_string(total ? done * 100 / total : 100) + "%)");
+      EXPECT_GT(done, last);
+      last = done;
+    }
+    EXPECT_EQ(total, static_cast<long long>(row.length));
+    EXPECT_EQ(done, total);
   }
+  unsetenv("NOTIFY_SOCKET");
 }
 
 }  // namespace

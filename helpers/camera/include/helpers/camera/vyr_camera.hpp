@@ -10,6 +10,7 @@
 #include <string>
 
 #include "common/clock.hpp"
+#include "common/notify.hpp"
 #include "dbus/bus.hpp"
 #include "dbus/camd_dbus_iface.hpp"
 #include "sm/update_helper.hpp"
@@ -44,6 +45,11 @@ class VyrCamera : public UpdateHelper {
   std::shared_ptr<Dbus::Dispatcher> dispatcher;
   std::shared_ptr<sdbus::IConnection> connection;
   Clock& clock_;
+
+  // Progress for the service manager: the end of the chunk just sent, the
+  // highest end camd has acknowledged, and the image size.
+  ProgressNotifier progress_;
+  std::int64_t sentEnd_ = 0, ackedEnd_ = 0, imageSize_ = 0;
 };
 
 }  // namespace Updater::Helpers
