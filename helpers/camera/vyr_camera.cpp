@@ -18,6 +18,10 @@ namespace {
 
 constexpr int kUpdateInfoPolls = 102;
 constexpr auto kUpdateInfoPause = std::chrono::milliseconds(100);
+// Progress: each line gives a systemd unit's start time-out this long again,
+// more than the update check plus the wait for a stalled camera, so that only
+// a transfer that has stopped moving runs into it.
+constexpr auto kProgressKeepAlive = std::chrono::seconds(330);
 
 // The size as the camera protocol carries it: the low 32 bits of the end
 // position. Leaves the stream at the start.
@@ -31,7 +35,7 @@ std::int32_t FileSize(std::ifstream& file) {
 }  // namespace
 
 VyrCamera::VyrCamera(std::string cameraIndex, Clock& clock)
-    : clock_(clock), progress_("camera " + cameraIndex, clock) {
+    : clock_(clock), progress_("camera " + cameraIndex, clock, kProgressKeepAlive) {
   Dbus::Initialize();
   dispatcher = Dbus::Dispatcher::Create();
   connection = dispatcher->CreateSessionConnection();

@@ -281,7 +281,8 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
     EXPECT_EQ(ReadFile(OutPath()), image);
     EXPECT_NE(sim_->Out().find("VERDICT ok camera=0 bytes=" + std::to_string(row.length)), std::string::npos);
 
-    // Rising acknowledged bytes, the first chunk's and the last, at most one line a second besides the last.
+    // Rising acknowledged bytes, the first chunk's and the last, at most one line a second besides the
+    // last; each gives a unit's start time-out more time.
     const auto status = notify.Take();
     EXPECT_GE(status.size(), row.length > 64 ? 2u : 1u);
     EXPECT_LE(status.size(), 2u + static_cast<std::size_t>((clock_.Now() - started) / 1s));
@@ -289,7 +290,7 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
     for (const auto& line : status) {
       EXPECT_EQ(std::sscanf(line.c_str(), "STATUS=camera 0: %lld/%lld", &done, &total), 2) << line;
       EXPECT_EQ(line, "STATUS=camera 0: " + std::to_string(done) + "/" + std::to_string(total) + " bytes (" +
-                          std::to_string(total ? done * 100 / total : 100) + "%)");
+                          std::to_string(total ? done * 100 / total : 100) + "%)\nEXTEND_TIMEOUT_USEC=330000000");
       EXPECT_GT(done, last);
       last = done;
     }
