@@ -46,7 +46,7 @@ TEST(ProgressNotifier, AtMostOneLineASecondButTheCompleteOneAlways) {
   TempDir dir;
   NotifySocket notify(dir / "notify");
   FakeClock clock;
-  setenv("NOTIFY_SOCKET", notify.Path().c_str(), 1);
+  setenv("NOTIFY_SOCKET", notify.path.c_str(), 1);
   ProgressNotifier progress("camera 7", clock);
   progress.Report(10, 200), clock.Advance(999ms), progress.Report(20, 200), clock.Advance(1ms), progress.Report(30, 200);
   progress.Report(200, 200), progress.Report(200, 200);
@@ -258,7 +258,7 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
        "GetFirstUpdateBlock -> 1024\ncamd-sim[0]: SendFirmwareBlock position=1024 bytes=64"}, 0, 8},
   };
   NotifySocket notify(bus_->Dir() + "/notify");  // systemd's, for the progress lines
-  setenv("NOTIFY_SOCKET", notify.Path().c_str(), 1);
+  setenv("NOTIFY_SOCKET", notify.path.c_str(), 1);
   for (const auto& row : rows) {
     SCOPED_TRACE(row.length);
     const auto started = clock_.Now();

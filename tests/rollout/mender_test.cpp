@@ -15,25 +15,18 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 
-// `path` holds `contents` while this lives, then what it held before (or nothing).
-class SystemFile {
- public:
-  SystemFile(std::string path, const std::string& contents, fs::perms mode) : path_(std::move(path)) {
-    if (fs::exists(path_)) old_ = {ReadFile(path_), fs::status(path_).permissions()};
-    Write(contents, mode);
+// A copy of `from` at `path` while this lives; then what was there before, or nothing.
+struct SystemFile {
+  SystemFile(std::string at, const std::string& from) : path(std::move(at)) {
+    if (fs::exists(path)) fs::rename(path, path + ".fwu-test-saved"), saved = true;
+    fs::copy_file(from, path);
   }
   ~SystemFile() {
     std::error_code ignored;
-    old_ ? Write(std::string(old_->first.begin(), old_->first.end()), old_->second) : (void)fs::remove(path_, ignored);
+    saved ? fs::rename(path + ".fwu-test-saved", path, ignored) : (void)fs::remove(path, ignored);
   }
-
- private:
-  void Write(const std::string& contents, fs::perms mode) const {
-    std::ofstream(path_, std::ios::binary | std::ios::trunc) << contents;
-    fs::permissions(path_, mode);
-  }
-  std::string path_;
-  std::optional<std::pair<std::vector<unsigned char>, fs::perms>> old_;
+  std::string path;
+  bool saved = false;
 };
 
 class MenderTest : public CamdBusTest {
@@ -49,10 +42,9 @@ class MenderTest : public CamdBusTest {
 
 TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
   const std::string source = FWU_SOURCE_DIR "/support/mender/", package = fwDir_ + "/camera-region0-3.bin";
-  const auto module = ReadFile(source + "camera-firmware");
-  SystemFile installedModule("/usr/share/mender/modules/v3/camera-firmware", std::string(module.begin(), module.end()),
-                             fs::perms(0755));
-  SystemFile artifactInfo("/etc/mender/artifact_info", "artifact_name=factory\n", fs::perms(0644));
+  std::ofstream(bus_->Dir() + "/artifact_info") << "artifact_name=factory\n";
+  SystemFile module("/usr/share/mender/modules/v3/camera-firmware", source + "camera-firmware");
+  SystemFile artifactInfo("/etc/mender/artifact_info", bus_->Dir() + "/artifact_info");
   const auto image = RandomBytes(3000, 5);
   const std::string imagePath = bus_->Dir() + "/image.bin";
   std::ofstream(imagePath, std::ios::binary).write(reinterpret_cast<const char*>(image.data()), 3000);
