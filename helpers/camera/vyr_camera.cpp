@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -25,6 +26,9 @@ namespace {
 constexpr int kUpdateInfoPolls = 102;
 constexpr auto kUpdateInfoPause = std::chrono::milliseconds(100);
 constexpr const char* kDefaultLockDir = "/run/lock";
+// A unit's start time-out is stretched by this much past the stall limit
+// with every progress line, so that only a transfer the limit would end runs into it.
+constexpr auto kProgressMargin = std::chrono::seconds(30);
 
 // Whole bytes of the file behind `file`; leaves the stream at the start.
 std::uint64_t FileBytes(std::istream& file) {
@@ -81,7 +85,9 @@ VyrCamera::VyrCamera(std::string cameraIndex, Clock& clock)
     : cameraIndex_(std::move(cameraIndex)),
       clock_(clock),
       stallLimit_(StallLimitFromEnvironment()),
-      lastProgress_(clock.Monotonic()) {
+      lastProgress_(clock.Monotonic()),
+      progress_("camera " + cameraIndex_, clock,
+                stallLimit_.value_or(kDefaultStallLimit) + kProgressMargin) {
   Dbus::Initialize();
   camdProxy = CamdDbusIface::create(Camd::kService, Camd::ObjectPath(cameraIndex_), Camd::kInterface, clock_);
 }
@@ -181,6 +187,7 @@ int VyrCamera::CheckWithCamd(const std::function<bool()>& expired) {
   std::cout << "This file [" << size << "] contains [" << size << "] chunks of ["
             << camdProxy->packetSize << "]" << std::endl;
   camdProxy->SendUpdateAvailable(fileVersion, static_cast<int>(checksum), size);
+  imageSize_ = size;  // progress
   return true;
 }
 
@@ -226,11 +233,14 @@ int VyrCamera::SendFirmwareBlock(int block) {
 
 int VyrCamera::WaitForAck(unsigned /*block*/) {
   const int status = camdProxy->WaitForAck();
-  // An empty chunk moves nothing forward, however often it is acknowledged.
-  if ((status == 0 || status == 3) && sentBytes_ > 0 && sentBlock_ + sentBytes_ > ackedEnd_) {
+  // 0 and 3 both mean camd kept the chunk just sent. An empty chunk moves
+  // nothing forward, however often it is acknowledged.
+  if (status != 0 && status != 3) return status;
+  if (sentBytes_ > 0 && sentBlock_ + sentBytes_ > ackedEnd_) {
     ackedEnd_ = sentBlock_ + sentBytes_;
     lastProgress_ = clock_.Monotonic();
   }
+  progress_.Report(ackedEnd_, imageSize_);
   return status;
 }
 

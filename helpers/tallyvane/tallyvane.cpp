@@ -14,6 +14,7 @@
 
 #include "common/image_file.hpp"
 #include "common/log.hpp"
+#include "common/notify.hpp"
 #include "lc/downlink_frame.hpp"
 #include "lc/qel_arm_control.hpp"
 #include "vyrcam/packets.hpp"
@@ -69,6 +70,7 @@ void Tallyvane::Close() {}
 int Tallyvane::RunReader() {
   auto lastOuch = clock.Now();
   readerRunning = true;
+  Notify("READY=1");  // the service manager: the board is being read from now on
 
   for (;;) {
     // Descriptor 0 counts as closed too: after a zero-length read the

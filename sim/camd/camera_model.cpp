@@ -67,7 +67,9 @@ only the verdict once the last chunk is acknowledged:
 
 Camera:
   --camera=IDX           serve the camera with index text IDX (repeatable; default 0)
-  --version=N            firmware version running in the camera (default 1)
+  --version=N            firmware version running in the camera (default 1); once
+                         it holds the whole announced image with the announced
+                         CRC, it runs the announced version
   --region=N             flash region reported by GetFlashRegion (default 0)
   --first=N              first position asked for (default 0; negative refuses)
   --preload=FILE         resume: the camera already holds bytes [0, first) of FILE
@@ -172,7 +174,7 @@ std::uint16_t Crc16(const std::vector<std::uint8_t>& data) {
 }
 
 Camera::Camera(std::string index, const Options& options)
-    : index_(std::move(index)), options_(options), random_(options.seed) {}
+    : index_(std::move(index)), options_(options), random_(options.seed), runningVersion_(options.firmwareVersion) {}
 
 void Camera::RequestUpdateInfo() { infoRequested_ = true; }
 
@@ -237,6 +239,7 @@ int Camera::WaitForAck() {
   nextPosition_ = chunk.position + static_cast<int>(chunk.data.size());
   if (announcedLength_ >= 0 && nextPosition_ >= announcedLength_) {
     done_ = true;
+    if (Intact(Crc16(image_))) runningVersion_ = announcedVersion_;
     return 3;
   }
   return 0;
@@ -263,7 +266,7 @@ void Camera::ClearPendingUpdate() {
 
 std::string Camera::Verdict() const {
   const unsigned crc = Crc16(image_);
-  const bool ok = done_ && held_ == announcedLength_ && static_cast<int>(crc) == announcedCrc_;
+  const bool ok = Intact(crc);
   char buf[200];
   std::snprintf(buf, sizeof buf, "VERDICT %s camera=%s bytes=%ld crc=%04x", ok ? "ok" : "bad",
                 index_.c_str(), held_, crc);

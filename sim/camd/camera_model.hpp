@@ -73,7 +73,9 @@ class Camera {
   void RequestUpdateInfo();
   bool UpdateInfoReceived();
   int GetFlashRegion() const { return options_.flashRegion; }
-  int GetCameraFirmwareVersion() const { return options_.firmwareVersion; }
+  // The announced version once the whole image is held intact, like a camera
+  // that has applied it; until then --version.
+  int GetCameraFirmwareVersion() const { return runningVersion_; }
   bool SendUpdateAvailable(int version, int checksum, int length);
   int GetFirstUpdateBlock();
   bool SendFirmwareBlock(int position, std::vector<std::uint8_t> data);
@@ -91,6 +93,10 @@ class Camera {
   int Dequeued() const { return dequeued_; }
 
  private:
+  bool Intact(unsigned crc) const {
+    return done_ && held_ == announcedLength_ && static_cast<int>(crc) == announcedCrc_;
+  }
+
   struct Chunk {
     int position;
     std::vector<std::uint8_t> data;
@@ -106,6 +112,7 @@ class Camera {
   long ackCalls_ = 0;
   long nextCalls_ = 0;
 
+  int runningVersion_;
   int announcedVersion_ = -1;
   int announcedCrc_ = -1;
   int announcedLength_ = -1;

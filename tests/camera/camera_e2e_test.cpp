@@ -180,8 +180,9 @@ TEST_F(CameraEndToEndTest, RunsForOneCameraTakeTurns) {
   EXPECT_EQ(CountOf(a.err + b.err, waiting), 1u) << a.err << b.err;
   EXPECT_EQ(a.exitStatus, 0);
   EXPECT_EQ(b.exitStatus, 0);  // no SIGPIPE
-  EXPECT_EQ(CountOf(sim_->Out(), "VERDICT ok"), 2u) << sim_->Out();
-  EXPECT_EQ(ReadFile(OutPath()), CountOf(b.err, waiting) ? second : first);
+  // The newer image ends up in the camera either way; run after it, the older one finds nothing to do.
+  EXPECT_EQ(CountOf(sim_->Out(), "VERDICT ok"), CountOf(b.err, waiting) ? 2u : 1u) << sim_->Out();
+  EXPECT_EQ(ReadFile(OutPath()), second);
 }
 
 TEST_F(CameraEndToEndTest, CamdAbsentGivesUpAfterAboutTenSeconds) {

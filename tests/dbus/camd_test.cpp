@@ -5,6 +5,9 @@
 #include <functional>
 
 #include "camd_fixture.hpp"
+#include "common/notify.hpp"
+#include "notify_socket.hpp"
+#include "temp_dir.hpp"
 #include "dbus/bus.hpp"
 #include "dbus/camd_methods.hpp"
 #include "dbus/errors.hpp"
@@ -37,6 +40,20 @@ TEST(CamdMethodTable, MatchesTheDocumentedInterface) {
               method.name + ("(" + std::string(method.in) + ")") + method.out + (method.reply == Camd::Reply::None ? " noreply" : ""));
   }
   EXPECT_EQ(row, Camd::kMethods.size());
+}
+
+// Within a second only the line that completes the transfer goes out, and only once.
+TEST(ProgressNotifier, AtMostOneLineASecondButTheCompleteOneAlways) {
+  TempDir dir;
+  NotifySocket notify(dir / "notify");
+  FakeClock clock;
+  setenv("NOTIFY_SOCKET", notify.path.c_str(), 1);
+  ProgressNotifier progress("camera 7", clock);
+  progress.Report(10, 200), clock.Advance(999ms), progress.Report(20, 200), clock.Advance(1ms), progress.Report(30, 200);
+  progress.Report(200, 200), progress.Report(200, 200);
+  unsetenv("NOTIFY_SOCKET");
+  EXPECT_EQ(notify.Take(), (std::vector<std::string>{"STATUS=camera 7: 10/200 bytes (5%)",
+            "STATUS=camera 7: 30/200 bytes (15%)", "STATUS=camera 7: 200/200 bytes (100%)"}));
 }
 
 TEST_F(CamdTest, ResultsArgumentTypesAndRetries) {
@@ -341,8 +358,11 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
       {1000, {"--loss-rate=0.9", "--seed=5"}, {"Dropping packet size to [20]\n"}, kAny, kAny},  // lossy, within the stall limit
       {1000, {}, {}, 0, 16, true},
   };
+  NotifySocket notify(bus_->Dir() + "/notify");  // systemd's, for the progress lines
+  setenv("NOTIFY_SOCKET", notify.path.c_str(), 1);
   for (const auto& row : rows) {
     SCOPED_TRACE(row.length);
+    const auto started = clock_.Now();
     const auto image = RandomBytes(row.length, 4);
     const std::string path = AddPackage(3, image);
     auto args = row.sim;
@@ -366,7 +386,24 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
     EXPECT_EQ(row.sends == kAny ? kAny : SimCalls("SendFirmwareBlock"), row.sends);
     EXPECT_EQ(ReadFile(OutPath()), image);
     EXPECT_NE(sim_->Out().find("VERDICT ok camera=0 bytes=" + std::to_string(row.length)), std::string::npos);
+
+    // Rising acknowledged bytes, the first chunk's and the last, at most one line a second besides the
+    // last; each gives a unit's start time-out more time.
+    const auto status = notify.Take();
+    EXPECT_GE(status.size(), row.length > 64 ? 2u : 1u);
+    EXPECT_LE(status.size(), 2u + static_cast<std::size_t>((clock_.Now() - started) / 1s));
+    long long done = -1, total = -1, last = -1;
+    for (const auto& line : status) {
+      EXPECT_EQ(std::sscanf(line.c_str(), "STATUS=camera 0: %lld/%lld", &done, &total), 2) << line;
+      EXPECT_EQ(line, "STATUS=camera 0: " + std::to_string(done) + "/" + std::to_string(total) + " bytes (" +
+                          std::to_string(total ? done * 100 / total : 100) + "%)\nEXTEND_TIMEOUT_USEC=330000000");
+      EXPECT_GT(done, last);
+      last = done;
+    }
+    EXPECT_EQ(total, static_cast<long long>(row.length));
+    EXPECT_EQ(done, total);
   }
+  unsetenv("NOTIFY_SOCKET");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include <optional>
 
+#include "notify_socket.hpp"
 #include "subprocess.hpp"
 #include "temp_dir.hpp"
 
@@ -18,21 +19,24 @@ TEST(TallyvaneCommandLine, GivesUpOnTheBoardAfterTenSecondsThenKeepsReadingTheDe
   Updater::Testing::ProcessOptions options;
   options.env = {{"QUORVEX_TALLYVANE_DOWNLINK", dir / "no-downlink"},
                  {"QUORVEX_FIRMWARE_DIR", dir.path()},
-                 {"QUORVEX_TALLYVANE_VERSION_FILE", dir / "no-version"}};
+                 {"QUORVEX_TALLYVANE_VERSION_FILE", dir / "no-version"}, {"NOTIFY_SOCKET", dir / "notify"}};
+  Updater::Testing::NotifySocket notify(dir / "notify");
   options.timeout = 40s;
   const std::string refusal =
       "\033[0;31mfw-updater Debug: [ERROR] -- Error asking tallyvane for update info status, not updating\033[0m\n";
   const auto started = Clock::now();
-  std::optional<Clock::time_point> refusedAt, doneAt;
+  std::optional<Clock::time_point> refusedAt, doneAt, readyAt;
   options.stopWhen = [&](const std::string& out, const std::string&) {
     if (!refusedAt && out.find(refusal) != std::string::npos) refusedAt = Clock::now();
     if (!doneAt && out.find("Entered: UpdateDone\n") != std::string::npos) doneAt = Clock::now();
+    for (const auto& message : notify.Take()) if (message == "READY=1") readyAt = Clock::now();
     return doneAt && Clock::now() - *doneAt > 1500ms;  // time to show that it does not end on its own
   };
   const auto run = Updater::Testing::RunProcess(Updater::Testing::UpdaterBinary(), {"tallyvane"}, options);
   ASSERT_TRUE(refusedAt.has_value()) << run.out;
   EXPECT_GE(*refusedAt - started, 10200ms);
   EXPECT_LT(*refusedAt - started, 13s);
+  EXPECT_TRUE(readyAt && doneAt && *readyAt >= *doneAt) << "ready once the receive loop runs, after the machine";
   EXPECT_TRUE(run.timedOut && run.termSignal == SIGTERM) << "still running, reading the device, until ended";
   EXPECT_EQ(run.out.rfind("Entered: UpdateInit\n ** Sending message pkt # [0]\n" + refusal +
                               "          Update not needed, exiting...\nExited: UpdateInit\nEntered: UpdateDone\n",

@@ -24,6 +24,7 @@
 #include <string>
 
 #include "common/clock.hpp"
+#include "common/notify.hpp"
 #include "dbus/bus.hpp"
 #include "dbus/camd_dbus_iface.hpp"
 #include "sm/update_helper.hpp"
@@ -74,6 +75,9 @@ class VyrCamera : public UpdateHelper {
   std::int64_t sentBytes_ = 0;
   std::int64_t ackedEnd_ = 0;
   Clock::steady_point lastProgress_;
+  // Progress for the service manager (sd_notify), out of the image size.
+  ProgressNotifier progress_;
+  std::int64_t imageSize_ = 0;
 };
 
 }  // namespace Updater::Helpers
