@@ -4,7 +4,6 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -124,19 +123,17 @@ bool VyrCamera::TakeLock() {
 int VyrCamera::CheckForUpdate() {
   if (!TakeLock()) return false;
   // Counted from here: waiting for another run of this camera is no stall.
-  const auto start = clock_.Monotonic();
-  if (stallLimit_) camdProxy->SetDeadline(start + *stallLimit_);
-  const auto expired = [&] { return stallLimit_ && clock_.Monotonic() - start >= *stallLimit_; };
-  const int update = CheckWithCamd(expired);
+  if (stallLimit_) camdProxy->SetDeadline(clock_.Monotonic() + *stallLimit_);
+  const int update = CheckWithCamd();
   camdProxy->SetDeadline(std::nullopt);
   lastProgress_ = clock_.Monotonic();
   return update;
 }
 
-int VyrCamera::CheckWithCamd(const std::function<bool()>& expired) {
+int VyrCamera::CheckWithCamd() {
   camdProxy->RequestUpdateInfo();
   bool infoReceived = false;
-  for (int poll = 0; poll < kUpdateInfoPolls && !infoReceived && !expired(); ++poll) {
+  for (int poll = 0; poll < kUpdateInfoPolls && !infoReceived && !camdProxy->PastDeadline(); ++poll) {
     infoReceived = camdProxy->UpdateInfoReceived();
     if (!infoReceived) clock_.Sleep(kUpdateInfoPause);
   }

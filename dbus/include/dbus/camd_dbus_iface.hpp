@@ -76,6 +76,7 @@ class CamdDbusIface {
   // and no try waits for its reply beyond it. Unset, every try is made with
   // the library's default time-out.
   void SetDeadline(std::optional<Clock::steady_point> deadline) { deadline_ = deadline; }
+  bool PastDeadline();
 
   const std::string& Path() const { return path_; }
 
@@ -84,7 +85,6 @@ class CamdDbusIface {
 
  private:
   sdbus::IProxy& Proxy();
-  bool PastDeadline();
   template <class... Args>
   sdbus::MethodReply SendOnce(Camd::Method m, const Args&... args);
   template <class... Args>

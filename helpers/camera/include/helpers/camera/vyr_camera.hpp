@@ -18,7 +18,6 @@
 #include <chrono>
 #include <cstdint>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -56,7 +55,7 @@ class VyrCamera : public UpdateHelper {
 
  private:
   bool TakeLock();
-  int CheckWithCamd(const std::function<bool()>& expired);
+  int CheckWithCamd();
   bool Stalled(int block);
 
   std::shared_ptr<CamdDbusIface> camdProxy;
