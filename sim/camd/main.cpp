@@ -101,7 +101,8 @@ class Service {
       text += " version=" + std::to_string(version) + " checksum=" + std::to_string(checksum) +
               " length=" + std::to_string(length);
       boolResult = camera.SendUpdateAvailable(version, checksum, length);
-      reported_[camera.Index()] = false;  // every announced update gets its verdict
+      // A new announcement starts a new update, which gets its own verdict.
+      reported_[camera.Index()] = false;
     } else if (name == "SendFirmwareBlock") {
       std::int32_t position = 0;
       std::vector<std::uint8_t> data;
