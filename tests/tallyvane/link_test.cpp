@@ -49,6 +49,12 @@ std::size_t Count(const std::string& text, const std::string& what) {
   return n;
 }
 
+// Every field of the link state, in declaration order.
+std::vector<long long> Fields(const Tallyvane::LinkState& s) {
+  return {s.updateCompleted, s.partialDlVer, s.downloadedBlocks, s.flashSector, s.haveUpdateInfo, s.firstBlock,
+          s.lastReceived,    s.nextBlock,    s.blockReportReceived, s.lastSentBlock, s.lastAckedBlock};
+}
+
 std::string Stdout(const std::function<void()>& run) { return CaptureStdout(), run(), GetCapturedStdout(); }
 std::string Stderr(const std::function<void()>& run) { return CaptureStderr(), run(), GetCapturedStderr(); }
 
@@ -131,84 +137,65 @@ class LinkTest : public testing::Test {
   Tallyvane helper{dir / "no-device", clock};
 };
 
-TEST_F(LinkTest, ShortReadsAreIgnoredAndReadsNotStartingWithSyncAreDroppedWhole) {
-  const std::string gulp = "GULP; ignoring this frame's data\n";
-  for (const Bytes& read : {Bytes{0xAA, 0xA9}, Bytes{0x01, 0x02}, Bytes{}}) EXPECT_EQ(Printed(read), "");
-  const auto report = Frame(ReceivedFirmwareBlock(-1, 128));
-  EXPECT_EQ(Printed(Concat({{0x00}, report})), gulp);
-  EXPECT_EQ(Printed(Concat({{0xAA, 0x00}, report})), gulp);
-  EXPECT_EQ(helper.State().nextBlock, -1);
-  // After a good frame, a tail that is not a frame ends the read.
-  EXPECT_EQ(Printed(Concat({report, {0x55, 0x66, 0x77}, Frame(ReceivedFirmwareBlock(128, 192))})), gulp);
-  EXPECT_EQ(helper.State().nextBlock, 128);
+// One read each, on a fresh helper. After a frame that does not unpack, every
+// byte up to the next sync bytes (or the end of the read) costs a dump and a
+// "CHOKE"; a packet without sync bytes in front is never taken. syslog()
+// mirrors its records to stderr under LOG_PERROR, so all failure reports are seen.
+TEST_F(LinkTest, ReadsAreCutIntoFramesAndResynchroniseOnlyOnTheSyncBytes) {
+  auto cut = [](Bytes frame, std::size_t by) { return Bytes(frame.begin(), frame.end() - by); };
+  auto flip = [](Bytes frame, std::size_t at) { return frame[at] ^= 0x10, frame; };
+  auto typed = [](std::uint8_t type) { auto f = Frame(UpdateComplete()); return f[3] = type, f; };
+  auto dump = [](const Bytes& read, std::size_t from) {
+    std::string out = "*** Received:\n";
+    char cell[4];
+    for (auto b = read.begin() + static_cast<std::ptrdiff_t>(from); b != read.end(); ++b)
+      out += (std::snprintf(cell, sizeof cell, "%02X ", *b), cell);
+    return out + "\nCHOKE\n";
+  };
+  const auto report = Frame(ReceivedFirmwareBlock(-1, 128)), badCrc = flip(Frame(ReceivedFirmwareBlock(10, 20)), 14);
+  const Bytes unsynced(report.begin() + 2, report.end());
+  const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- Failed to Unpack ", reset = "]\033[0m\n";
+  const struct { Bytes read; std::size_t chokes; bool gulp; int next; std::string failure; } rows[] = {
+      {{}, 0, false, -1, ""},
+      {{0xAA, 0xA9}, 0, false, -1, ""},
+      {{0x01, 0x02}, 0, false, -1, ""},
+      {Concat({{0x00}, report}), 0, true, -1, ""},
+      {Concat({{0xAA, 0x00}, report}), 0, true, -1, ""},
+      {Concat({{0x12, 0x34}, unsynced}), 0, true, -1, ""},
+      {Concat({report, {0x55, 0x66, 0x77}, Frame(ReceivedFirmwareBlock(128, 192))}), 0, true, 128, ""},
+      {Concat({typed(34), report}), 7, false, 128, ""},
+      {Concat({typed(40), report}), 7, false, 128, ""},
+      {Concat({badCrc, report}), 15, false, 128, red + "ReceivedFirmwareBlock [4" + reset},
+      {Concat({badCrc, {0x12, 0x34}, unsynced}), 30, false, -1, red + "ReceivedFirmwareBlock [4" + reset},
+      {Concat({badCrc, {0xAA, 0x00}, unsynced}), 30, false, -1, red + "ReceivedFirmwareBlock [4" + reset},
+      {Concat({typed(34), {0x12, 0x34}, unsynced}), 22, false, -1, ""},
+      {cut(Frame(UpdateInfo(1, 2, 64, 3)), 4), 14, false, -1, red + "UpdateInfo [1" + reset},
+      {flip(Frame(UpdateComplete()), 4), 7, false, -1, red + "UpdateComplete [4" + reset},
+      {flip(Frame(DatalinkPacketAck(7, true)), 8), 9, false, -1, "Failed to Unpack DataLink Packet ACK [4]"},
+      {cut(Frame(UpdateError()), 1), 6, false, -1, "Failed to Unpack UpdateError [1]"},
+  };
+  openlog("tallyvane-test", LOG_PERROR, LOG_USER);
+  for (const auto& row : rows) {
+    Tallyvane fresh{dir / "no-device", clock};
+    std::string out;
+    const auto err = Stderr([&] { out = Stdout([&] { fresh.Receive(row.read.data(), row.read.size()); }); });
+    SCOPED_TRACE(out + err);
+    EXPECT_EQ(Count(out, "CHOKE\n"), row.chokes);
+    EXPECT_TRUE(row.chokes == 0 || out.find(dump(row.read, 0) + dump(row.read, 1)) != std::string::npos);
+    EXPECT_EQ(Count(out, "GULP; ignoring this frame's data\n"), row.gulp ? 1u : 0u);
+    EXPECT_EQ(fresh.State().nextBlock, row.next);
+    EXPECT_EQ(Count(out + err, "Failed to Unpack"), row.failure.empty() ? 0u : 1u);
+    EXPECT_NE((out + err).find(row.failure), std::string::npos);
+    EXPECT_EQ(fresh.State().haveUpdateInfo + fresh.State().updateCompleted, 0) << "failed frames change nothing";
+  }
+  closelog();
 }
 
 TEST_F(LinkTest, FramesInOneReadAreHandledInOrder) {
   Feed(Concat({Frame(UpdateInfo(0x1234, 0xFFFFFFFE, 32, 7)), Frame(ReceivedFirmwareBlock(-1, 10)),
                Frame(ReceivedFirmwareBlock(10, 20))}));
-  const auto state = helper.State();
-  EXPECT_EQ(state.haveUpdateInfo, 1);
-  EXPECT_EQ(state.downloadedBlocks, -2);  // sign-extended from 32 bits
-  EXPECT_EQ(state.flashSector, 7);
-  EXPECT_EQ(state.firstBlock, 10);  // set only by the first report
-  EXPECT_EQ(state.nextBlock, 20);   // left by the second
-  EXPECT_EQ(state.lastAckedBlock, 10);
-}
-
-// Types the updater has no class for: 34 sits among the board's codes, 40 above them.
-TEST_F(LinkTest, UnknownTypeIsDumpedAndSkippedByteByByteUntilTheNextFrame) {
-  auto dump = [](Bytes::const_iterator from, Bytes::const_iterator to) {
-    std::string out = "*** Received:\n";
-    char cell[4];
-    for (; from != to; ++from) out += (std::snprintf(cell, sizeof cell, "%02X ", *from), cell);
-    return out + "\nCHOKE\n";
-  };
-  for (std::uint8_t type : {34, 40}) {
-    auto unknown = Frame(UpdateComplete());
-    unknown[3] = type;
-    const auto read = Concat({unknown, Frame(ReceivedFirmwareBlock(-1, type))});
-    const auto out = Printed(read);
-    // First the whole read, then the same read one byte further on.
-    EXPECT_EQ(out.rfind(dump(read.begin(), read.end()) + dump(read.begin() + 1, read.end()), 0), 0u) << out;
-    EXPECT_EQ(Count(out, "CHOKE"), unknown.size());
-    EXPECT_EQ(helper.State().nextBlock, type);
-  }
-}
-
-TEST_F(LinkTest, CorruptFrameInTheMiddleCostsOneChokePerByteUntilTheNextSync) {
-  auto corrupt = Frame(ReceivedFirmwareBlock(10, 20));
-  corrupt.back() ^= 0xFF;
-  const auto out =
-      Printed(Concat({Frame(ReceivedFirmwareBlock(-1, 10)), corrupt, Frame(ReceivedFirmwareBlock(20, 30))}));
-  EXPECT_EQ(Count(out, "CHOKE\n"), corrupt.size());
-  EXPECT_EQ(Count(out, "\033[0;31mfw-updater Debug: [ERROR] -- Failed to Unpack ReceivedFirmwareBlock [4]\033[0m\n"),
-            1u);
-  const auto state = helper.State();
-  EXPECT_EQ(state.firstBlock, 10);
-  EXPECT_EQ(state.nextBlock, 30);
-  EXPECT_EQ(state.lastAckedBlock, 20);
-}
-
-// syslog() mirrors its records to stderr under LOG_PERROR: that is how the
-// two failures that never reach the console are seen.
-TEST_F(LinkTest, UnpackFailuresAreReportedInRedOrToSyslog) {
-  auto cut = [](Bytes frame, std::size_t by) { return Bytes(frame.begin(), frame.end() - by); };
-  auto flip = [](Bytes frame, std::size_t at) { return frame[at] ^= 0x10, frame; };
-  const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- Failed to Unpack ";
-  const struct { Bytes frame; bool toSyslog; std::string message; } cases[] = {
-      {cut(Frame(UpdateInfo(1, 2, 64, 3)), 4), false, red + "UpdateInfo [1]\033[0m\n"},
-      {flip(Frame(UpdateComplete()), 4), false, red + "UpdateComplete [4]\033[0m\n"},
-      {flip(Frame(DatalinkPacketAck(7, true)), 8), true, "Failed to Unpack DataLink Packet ACK [4]"},
-      {cut(Frame(UpdateError()), 1), true, "Failed to Unpack UpdateError [1]"},
-  };
-  openlog("tallyvane-test", LOG_PERROR, LOG_USER);
-  for (const auto& c : cases) {
-    std::string out;
-    const auto err = Stderr([&] { out = Printed(c.frame); });
-    EXPECT_NE((c.toSyslog ? err : out).find(c.message), std::string::npos) << c.message << out << err;
-  }
-  closelog();
-  EXPECT_EQ(helper.State().haveUpdateInfo + helper.State().updateCompleted, 0) << "failed frames change nothing";
+  // Blocks sign-extended from 32 bits; the first block is set only by the first report, the next by the last.
+  EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{0, 0x1234, -2, 7, 1, 10, 10, 20, 1, -1, 10}));
 }
 
 TEST_F(LinkTest, ProgressLineIsThrottledExceptForTheLastReport) {
@@ -250,19 +237,9 @@ TEST_F(LinkTest, UpdateErrorResetsEveryFieldAndEmptiesTheQueueSilently) {
   ASSERT_EQ(helper.State().updateCompleted, 1);
   ASSERT_NE(helper.State().lastSentBlock, -1);
   EXPECT_EQ(Printed(Frame(UpdateError())), "");
-  const auto s = helper.State();
   EXPECT_EQ(helper.PendingCount(), 0u);
-  EXPECT_EQ(s.updateCompleted, 0);
-  EXPECT_EQ(s.partialDlVer, 0);
-  EXPECT_EQ(s.downloadedBlocks, 0);
-  EXPECT_EQ(s.haveUpdateInfo, 0);
-  EXPECT_EQ(s.firstBlock, 0);
-  EXPECT_EQ(s.lastReceived, -1);
-  EXPECT_EQ(s.nextBlock, -1);
-  EXPECT_EQ(s.blockReportReceived, 0);
-  EXPECT_EQ(s.lastSentBlock, -1);
-  EXPECT_EQ(s.lastAckedBlock, -1);
-  EXPECT_EQ(s.flashSector, 5);  // not part of an update's progress
+  // All but the flash sector, which is not part of an update's progress.
+  EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{0, 0, 0, 5, 0, 0, -1, -1, 0, -1, -1}));
 }
 
 TEST_F(LinkTest, PacketsWantingAnAckWaitInTheQueueUntilAcknowledged) {
@@ -414,12 +391,17 @@ TEST_F(LinkTest, NewerImageIsAnnouncedThenSentInChunksFromTheBoardsPosition) {
   EXPECT_TRUE(SentBlockData().empty());
   EXPECT_EQ(send(200001, 0),
             "Calculated chunk start of [200001] which is larger than the firmware file... aborting update.\n");
+  // Each chunk reopens the image. A chunk that ends exactly at the end is not announced as running past it.
+  image.resize(1000);
+  dir.Write("tallyvane-7.bin", std::string(image.begin(), image.end()));
+  EXPECT_EQ(send(936, 1), "");
+  EXPECT_EQ(SentBlockData(), Bytes(image.begin() + 936, image.end()));
   std::filesystem::remove(path);
   send(0, 0);
   EXPECT_TRUE(Sent().empty());
 }
 
-TEST_F(LinkTest, ImageNotNewerThanTheBoardOrNoImageMeansNoUpdate) {
+TEST_F(LinkTest, NoAnswerOrAnImageNotNewerThanTheBoardOrNoImageMeansNoUpdate) {
   dir.Write("tallyvane-5.bin", "abc");
   EXPECT_EQ(Check(), 0);
   EXPECT_EQ(lastOut.find("Checksum"), std::string::npos);
@@ -429,6 +411,14 @@ TEST_F(LinkTest, ImageNotNewerThanTheBoardOrNoImageMeansNoUpdate) {
   EXPECT_EQ(Check(), 0);
   EXPECT_EQ(sentByCheck.size(), 1u) << "nothing announced";
   EXPECT_FALSE(helper.HaveUpdateFile());
+  // A board that never answers: 102 polls, 100 ms apart.
+  Updater::Testing::FakeClock quiet;
+  Tallyvane unanswered{dir / "no-device", quiet};
+  EXPECT_EQ(Stdout([&] { EXPECT_EQ(unanswered.CheckForUpdate(), 0); }),
+            " ** Sending message pkt # [0]\n\033[0;31mfw-updater Debug: [ERROR] -- Error asking tallyvane for update "
+            "info status, not updating\033[0m\n");
+  EXPECT_EQ(quiet.Sleeps(), 102);
+  EXPECT_EQ(quiet.Slept(), 102 * 100ms);
 }
 
 }  // namespace
