@@ -191,11 +191,28 @@ TEST_F(LinkTest, ReadsAreCutIntoFramesAndResynchroniseOnlyOnTheSyncBytes) {
   closelog();
 }
 
-TEST_F(LinkTest, FramesInOneReadAreHandledInOrder) {
+// Frames of one read in order, a completion handled once, then an update error that resets
+// everything but the flash sector (not part of an update's progress) and prints nothing.
+TEST_F(LinkTest, FramesInOrderCompletionOnceAndAnUpdateErrorResetsTheUpdateSilently) {
   Feed(Concat({Frame(UpdateInfo(0x1234, 0xFFFFFFFE, 32, 7)), Frame(ReceivedFirmwareBlock(-1, 10)),
                Frame(ReceivedFirmwareBlock(10, 20))}));
   // Blocks sign-extended from 32 bits; the first block is set only by the first report, the next by the last.
   EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{0, 0x1234, -2, 7, 1, 10, 10, 20, 1, -1, 10}));
+  EXPECT_NE(Printed(Frame(UpdateComplete())).find("that the update has completed!"), std::string::npos);
+  auto sent = Sent();
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0][1], kApplyUpdate);
+  // Acknowledged, so that a second ApplyUpdate could not be held back by the queue.
+  Feed(Frame(DatalinkPacketAck(0, true)));
+  EXPECT_EQ(Printed(Frame(UpdateComplete())), "");
+  EXPECT_TRUE(Sent().empty());
+  EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{1, 0x1234, -2, 7, 1, -1, -1, -1, 1, -1, -1}));
+  helper.SendBlock(40, Bytes(8, 0x11));
+  Feed(Frame(ReceivedFirmwareBlock(40, 80)));
+  ASSERT_EQ(helper.PendingCount(), 1u);
+  EXPECT_EQ(Printed(Frame(UpdateError())), "");
+  EXPECT_EQ(helper.PendingCount(), 0u);
+  EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{0, 0, 0, 7, 0, 0, -1, -1, 0, -1, -1}));
 }
 
 TEST_F(LinkTest, ProgressLineIsThrottledExceptForTheLastReport) {
@@ -214,35 +231,9 @@ TEST_F(LinkTest, ProgressLineIsThrottledExceptForTheLastReport) {
   EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(192, 256))), line(192, 256));
 }
 
-TEST_F(LinkTest, SecondUpdateCompleteIsIgnored) {
-  EXPECT_NE(Printed(Frame(UpdateComplete())).find("that the update has completed!"), std::string::npos);
-  auto sent = Sent();
-  ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(sent[0][1], kApplyUpdate);
-  // Acknowledged, so that a second ApplyUpdate could not be held back by the queue.
-  Feed(Frame(DatalinkPacketAck(0, true)));
-  EXPECT_EQ(helper.PendingCount(), 0u);
-  EXPECT_EQ(Printed(Frame(UpdateComplete())), "");
-  EXPECT_TRUE(Sent().empty());
-  EXPECT_EQ(helper.State().updateCompleted, 1);
-  EXPECT_EQ(helper.State().nextBlock, -1);
-}
-
-TEST_F(LinkTest, UpdateErrorResetsEveryFieldAndEmptiesTheQueueSilently) {
-  Feed(Concat({Frame(UpdateInfo(3, 4, 64, 5)), Frame(ReceivedFirmwareBlock(-1, 40)),
-               Frame(ReceivedFirmwareBlock(40, 80))}));
-  helper.SendBlock(40, Bytes(8, 0x11));
-  Feed(Frame(UpdateComplete()));  // queues an ApplyUpdate behind the block
-  ASSERT_EQ(helper.PendingCount(), 2u);
-  ASSERT_EQ(helper.State().updateCompleted, 1);
-  ASSERT_NE(helper.State().lastSentBlock, -1);
-  EXPECT_EQ(Printed(Frame(UpdateError())), "");
-  EXPECT_EQ(helper.PendingCount(), 0u);
-  // All but the flash sector, which is not part of an update's progress.
-  EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{0, 0, 0, 5, 0, 0, -1, -1, 0, -1, -1}));
-}
-
-TEST_F(LinkTest, PacketsWantingAnAckWaitInTheQueueUntilAcknowledged) {
+// Packets that want an acknowledgement queue behind the one on the wire; only
+// the oldest is resent, once it has waited more than 3 s; sequences wrap at 256.
+TEST_F(LinkTest, SendPathQueuesResendsTheOldestAfterTheTimeoutAndWrapsSequences) {
   RequestUpdateInfo request;
   ClearPendingUpdate clear;
   DatalinkPacketAck noAck(1, true);
@@ -254,57 +245,40 @@ TEST_F(LinkTest, PacketsWantingAnAckWaitInTheQueueUntilAcknowledged) {
   EXPECT_EQ(sent[0][1], kRequestUpdateInfo);
   EXPECT_EQ(sent[1][1], kDatalinkPacketAck);
   ASSERT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
-  Feed(Frame(DatalinkPacketAck(1, false)));  // a refusal changes nothing
+  auto resend = [&] { return Stderr([&] { EXPECT_TRUE(helper.ResendExpired()); }); };
+  clock.Advance(3000ms);
+  EXPECT_EQ(resend(), "");
+  clock.Advance(1ns);
+  EXPECT_EQ(resend(), "VYR cam expired ACK [#0], resending.\n");
+  EXPECT_EQ(resend(), "");  // the resend restarted its timer
+  EXPECT_EQ(Sent(), (std::vector<Bytes>{sent[0]}));
+  Feed(Frame(DatalinkPacketAck(0, false)));  // a refusal changes nothing
   EXPECT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
-  Feed(Frame(DatalinkPacketAck(1, true)));
-  EXPECT_EQ(helper.PendingSequences(), (Bytes{0}));
+  Feed(Frame(DatalinkPacketAck(0, true)));
   Feed(Frame(DatalinkPacketAck(9, true)));
-  EXPECT_EQ(helper.PendingSequences(), (Bytes{0}));
+  EXPECT_EQ(helper.PendingSequences(), (Bytes{1}));
+  // The one queued behind leaves the same way.
+  clock.Advance(3001ms);
+  EXPECT_EQ(resend(), "VYR cam expired ACK [#1], resending.\n");
+  const auto again = Sent();
+  ASSERT_EQ(again.size(), 1u);
+  EXPECT_EQ(again[0][1], kClearPendingUpdate);
   EXPECT_FALSE(helper.RemovePending(9));
-  EXPECT_TRUE(helper.RemovePending(0));
+  EXPECT_TRUE(helper.RemovePending(1));
   EXPECT_TRUE(helper.RemovePending(9));  // nothing outstanding: nothing to miss
   helper.SendPacket(request);
   helper.SendPacket(clear);
   EXPECT_EQ(Stdout([&] { helper.ClearPending(); }),
             "\033[0;36mfw-updater Debug: Clearing Vexalume packet queue\033[0m\n");
   EXPECT_EQ(helper.PendingCount(), 0u);
-}
-
-TEST_F(LinkTest, SequenceNumbersWrapAfter255) {
-  DatalinkPacketAck packet(0, true);
+  Sent();
   const auto out = Stdout([&] {
-    for (int i = 0; i < 258; ++i) ASSERT_TRUE(helper.SendPacket(packet));
+    for (int i = 5; i < 258; ++i) ASSERT_TRUE(helper.SendPacket(noAck));
   });
-  const auto sent = Sent();
-  ASSERT_EQ(sent.size(), 258u);
-  for (std::size_t i = 0; i < sent.size(); ++i) ASSERT_EQ(sent[i][2], i % 256) << i;
+  const auto wrapped = Sent();
+  ASSERT_EQ(wrapped.size(), 253u);
+  for (std::size_t i = 0; i < wrapped.size(); ++i) ASSERT_EQ(wrapped[i][2], (i + 5) % 256) << i;
   EXPECT_NE(out.find(" ** Sending message pkt # [255]\n ** Sending message pkt # [0]\n"), std::string::npos);
-}
-
-TEST_F(LinkTest, ResendExpiredSendsTheOldestOnlyAfterTheTimeout) {
-  RequestUpdateInfo first;
-  ApplyUpdate second;
-  helper.SendPacket(first);
-  helper.SendPacket(second);
-  const auto original = Sent();
-  ASSERT_EQ(original.size(), 1u);
-  auto resend = [&] { return Stderr([&] { EXPECT_TRUE(helper.ResendExpired()); }); };
-  clock.Advance(3000ms);
-  EXPECT_EQ(resend(), "");
-  EXPECT_TRUE(Sent().empty());
-  clock.Advance(1ns);
-  EXPECT_EQ(resend(), "VYR cam expired ACK [#0], resending.\n");
-  EXPECT_EQ(Sent(), original);
-  EXPECT_EQ(resend(), "");  // the resend restarted its timer
-  EXPECT_TRUE(Sent().empty());
-  // Once the first is acknowledged, the one queued behind it leaves the same way.
-  helper.RemovePending(0);
-  clock.Advance(3001ms);
-  EXPECT_EQ(resend(), "VYR cam expired ACK [#1], resending.\n");
-  const auto again = Sent();
-  ASSERT_EQ(again.size(), 1u);
-  EXPECT_EQ(again[0][1], kApplyUpdate);
-  EXPECT_EQ(again[0][2], 1);
 }
 
 TEST_F(LinkTest, PacketSizeDropsToOneAfterAFailedWaitAndClimbsBackTo64) {

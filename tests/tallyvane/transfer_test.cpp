@@ -27,6 +27,14 @@ std::string ReadAll(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+// Calls `done` until it is true (at most `limit`); true when it was.
+template <class Done>
+bool WaitUntil(Done done, std::chrono::milliseconds limit) {
+  for (auto end = std::chrono::steady_clock::now() + limit; !done(); std::this_thread::sleep_for(std::chrono::microseconds(200)))
+    if (std::chrono::steady_clock::now() > end) return false;
+  return true;
+}
+
 // The machine's exit(-1) must not tear down the control library's statics under
 // the receive loop: the loop is joined from an atexit handler registered once the
 // library is in use (handlers run before the destructors of statics built earlier).
@@ -69,12 +77,8 @@ TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
     _exit(127);
   }
   ASSERT_GT(sim, 0);
-  auto waitFor = [](int tenths, auto done) {
-    for (; !done() && tenths > 0; --tenths) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    return done();
-  };
   bool ended = false;
-  if (waitFor(100, [&] { return ReadAll(log).find("READY") != std::string::npos; })) {
+  if (WaitUntil([&] { return ReadAll(log).find("READY") != std::string::npos; }, std::chrono::seconds(10))) {
     EXPECT_EXIT(
         {
           RealClockStoppingReaderAtExit clock;
@@ -88,7 +92,7 @@ TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
           std::exit(0);
         },
         testing::ExitedWithCode(255), "");
-    waitFor(30, [&] { return ended = ended || waitpid(sim, nullptr, WNOHANG) == sim; });  // told to apply
+    WaitUntil([&] { return ended = ended || waitpid(sim, nullptr, WNOHANG) == sim; }, std::chrono::seconds(3));
   }
   if (!ended) kill(sim, SIGTERM), waitpid(sim, nullptr, 0);
   EXPECT_NE(ReadAll(log).find("VERDICT ok bytes=1000"), std::string::npos) << ReadAll(log);
@@ -123,25 +127,17 @@ TEST(TallyvaneReader, TakesAFullReadWholeAndSurvivesAWriterThatKeepsReconnecting
     }
     return reopens;
   };
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  auto waitUntil = [&](auto done, std::chrono::milliseconds limit) {
-    for (auto end = std::chrono::steady_clock::now() + limit; !done() && std::chrono::steady_clock::now() < end;)
-      std::this_thread::sleep_for(std::chrono::microseconds(100));
-    return done();
-  };
   auto connect = [&] {  // fails with ENXIO while the loop has the device closed
     int fd = -1;
-    while ((fd = open(device.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) < 0 && std::chrono::steady_clock::now() < deadline)
-      std::this_thread::sleep_for(std::chrono::microseconds(100));
+    WaitUntil([&] { return (fd = open(device.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; }, std::chrono::seconds(5));
     return fd;
   };
-  auto usage = [] {  // open descriptors and resident kilobytes
-    std::size_t fds = 0;
-    for ([[maybe_unused]] const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) ++fds;
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line) && line.rfind("VmRSS:", 0) != 0) {}
-    return std::make_pair(fds, std::stol(line.substr(6)));
+  auto usage = [] {  // open descriptors, resident kilobytes
+    long pages = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    using std::filesystem::directory_iterator;
+    return std::make_pair(std::distance(directory_iterator("/proc/self/fd"), directory_iterator()),
+                          resident * sysconf(_SC_PAGESIZE) / 1024);
   };
   auto frame = [](const VYRCam::Packet& packet) {
     std::vector<std::uint8_t> bytes{0xAA, 0xA9};
@@ -160,22 +156,22 @@ TEST(TallyvaneReader, TakesAFullReadWholeAndSurvivesAWriterThatKeepsReconnecting
   std::thread reader([&] { helper.RunReader(); });
   int fd = connect();
   EXPECT_EQ(write(fd, burst.data(), burst.size()), 1024);
-  EXPECT_TRUE(waitUntil([&] { return helper.State().haveUpdateInfo == 1; }, std::chrono::seconds(5)));
+  EXPECT_TRUE(WaitUntil([&] { return helper.State().haveUpdateInfo == 1; }, std::chrono::seconds(5)));
   close(fd);
-  EXPECT_TRUE(waitUntil([&] { return reopened() == 1; }, std::chrono::seconds(5)));
+  EXPECT_TRUE(WaitUntil([&] { return reopened() == 1; }, std::chrono::seconds(5)));
   const auto first = usage();
   // A writer that connects while the loop is between its close and its open
   // leaves no hang-up on the new descriptor; it simply connects again.
-  while (reopened() < 2000 && std::chrono::steady_clock::now() < deadline) {
+  for (int tries = 0; reopened() < 2000 && tries < 4000; ++tries) {
     const auto before = reopens;
     close(connect());
-    waitUntil([&] { return reopened() > before; }, std::chrono::milliseconds(20));
+    WaitUntil([&] { return reopened() > before; }, std::chrono::milliseconds(20));
   }
   const auto last = usage();
   fd = connect();
   const auto report = frame(VYRCam::ReceivedFirmwareBlock(-1, 128));
   EXPECT_EQ(write(fd, report.data(), report.size()), static_cast<ssize_t>(report.size()));
-  EXPECT_TRUE(waitUntil([&] { return helper.State().nextBlock == 128; }, std::chrono::seconds(5)));
+  EXPECT_TRUE(WaitUntil([&] { return helper.State().nextBlock == 128; }, std::chrono::seconds(5)));
   helper.StopReader();
   reader.join();
   close(fd);
@@ -184,7 +180,7 @@ TEST(TallyvaneReader, TakesAFullReadWholeAndSurvivesAWriterThatKeepsReconnecting
   dup2(console, STDOUT_FILENO);
   close(console);
   close(out);
-  std::printf("descriptors %zu -> %zu, RSS %ld kB -> %ld kB over %zu reopens\n", first.first, last.first,
+  std::printf("descriptors %ld -> %ld, RSS %ld kB -> %ld kB over %zu reopens\n", first.first, last.first,
               first.second, last.second, reopens);
   EXPECT_EQ(reopens, 2000u);
   EXPECT_EQ(last.first, first.first);
