@@ -178,7 +178,9 @@ TEST(TallyvaneReader, TakesAFullReadWholeAndSurvivesAWriterThatKeepsReconnecting
               first.second, last.second, reopens);
   EXPECT_EQ(reopens, 2000u);
   EXPECT_EQ(last.first, first.first);
+#ifndef __SANITIZE_THREAD__  // ThreadSanitizer keeps its own record of every descriptor it has seen
   EXPECT_LE(last.second, first.second + 256) << "kB";
+#endif
   EXPECT_EQ(helper.State().flashSector, 2);
   EXPECT_EQ(chokes, 0u);
 }
