@@ -20,6 +20,7 @@
 
 namespace {
 
+using namespace std::chrono_literals;
 using Updater::Helpers::Tallyvane;
 
 std::string ReadAll(const std::string& path) {
@@ -78,7 +79,7 @@ TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
   }
   ASSERT_GT(sim, 0);
   bool ended = false;
-  if (WaitUntil([&] { return ReadAll(log).find("READY") != std::string::npos; }, std::chrono::seconds(10))) {
+  if (WaitUntil([&] { return ReadAll(log).find("READY") != std::string::npos; }, 10s)) {
     EXPECT_EXIT(
         {
           RealClockStoppingReaderAtExit clock;
@@ -92,7 +93,7 @@ TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
           std::exit(0);
         },
         testing::ExitedWithCode(255), "");
-    WaitUntil([&] { return ended = ended || waitpid(sim, nullptr, WNOHANG) == sim; }, std::chrono::seconds(3));
+    WaitUntil([&] { return ended = ended || waitpid(sim, nullptr, WNOHANG) == sim; }, 3s);
   }
   if (!ended) kill(sim, SIGTERM), waitpid(sim, nullptr, 0);
   EXPECT_NE(ReadAll(log).find("VERDICT ok bytes=1000"), std::string::npos) << ReadAll(log);
@@ -127,10 +128,8 @@ TEST(TallyvaneReader, TakesAFullReadWholeAndSurvivesAWriterThatKeepsReconnecting
     }
     return reopens;
   };
-  auto connect = [&] {  // fails with ENXIO while the loop has the device closed
-    int fd = -1;
-    WaitUntil([&] { return (fd = open(device.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; }, std::chrono::seconds(5));
-    return fd;
+  auto connect = [&, fd = -1]() mutable {  // fails with ENXIO while the loop has the device closed
+    return WaitUntil([&] { return (fd = open(device.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; }, 5000ms), fd;
   };
   auto usage = [] {  // open descriptors, resident kilobytes
     long pages = 0, resident = 0;
@@ -152,19 +151,18 @@ TEST(TallyvaneReader, TakesAFullReadWholeAndSurvivesAWriterThatKeepsReconnecting
 
   std::thread reader([&] { helper.RunReader(); });
   close(connect());
-  EXPECT_TRUE(WaitUntil([&] { return reopened() == 1; }, std::chrono::seconds(5)));
+  EXPECT_TRUE(WaitUntil([&] { return reopened() == 1; }, 5000ms));
   const auto first = usage();
   const int fd = connect();  // on the reopened device
   EXPECT_EQ(write(fd, burst.data(), burst.size()), 1024);
-  EXPECT_TRUE(WaitUntil([&] { return helper.State().haveUpdateInfo == 1; }, std::chrono::seconds(5)));
+  EXPECT_TRUE(WaitUntil([&] { return helper.State().haveUpdateInfo == 1; }, 5000ms));
   close(fd);
   // A writer that connects while the loop is between its close and its open
   // leaves no hang-up on the new descriptor; it simply connects again.
-  for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-       reopened() < 2000 && std::chrono::steady_clock::now() < end;) {
+  for (auto end = std::chrono::steady_clock::now() + 60s; reopened() < 2000 && std::chrono::steady_clock::now() < end;) {
     const auto before = reopens;
     close(connect());
-    WaitUntil([&] { return reopened() > before; }, std::chrono::milliseconds(20));
+    WaitUntil([&] { return reopened() > before; }, 20ms);
   }
   const auto last = usage();
   helper.StopReader();
