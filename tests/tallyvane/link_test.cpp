@@ -148,8 +148,7 @@ TEST_F(LinkTest, ReadsAreCutIntoFramesAndResynchroniseOnlyOnTheSyncBytes) {
   const Bytes unsynced(report.begin() + 2, report.end());
   const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- Failed to Unpack ", reset = "]\033[0m\n";
   const struct { Bytes read; std::size_t chokes; bool gulp; int next; std::string failure; } rows[] = {
-      {{0xAA, 0xA9}, 0, false, -1, ""},
-      {{0x01, 0x02}, 0, false, -1, ""},
+      {{0xAA, 0xA9}, 0, false, -1, ""}, {{0x01, 0x02}, 0, false, -1, ""},
       {Concat({{0x00}, report}), 0, true, -1, ""},
       {Concat({{0xAA, 0x00}, report}), 0, true, -1, ""},
       {Concat({{0x12, 0x34}, unsynced}), 0, true, -1, ""},
@@ -321,9 +320,12 @@ TEST_F(LinkTest, NewerImageIsAnnouncedThenSentInChunksFromTheBoardsPosition) {
   UpdateAvailable announce;
   ASSERT_EQ(announce.Unpack(reinterpret_cast<const char*>(sentByCheck[1].data()), sentByCheck[1].size()), 0);
   EXPECT_EQ(announce.Version(), 7);
-  std::uint16_t sum = 256;  // the byte sum, subtracted from 256, in 16 bits
+  std::uint16_t sum = 256, whole = 0, none = 0;  // the byte sum, subtracted from 256, in 16 bits
   for (auto b : image) sum = static_cast<std::uint16_t>(sum - b);
   EXPECT_EQ(announce.Hash(), sum);
+  Stdout([&] { whole = Tallyvane::tallyvane_checksum(reinterpret_cast<const char*>(image.data()), image.size()); });
+  EXPECT_EQ(whole, sum);
+  EXPECT_EQ((Stdout([&] { none = Tallyvane::tallyvane_checksum("", 0); }), none), 256);
   EXPECT_EQ(announce.Chunks(), image.size());
   EXPECT_TRUE(helper.HaveUpdateFile());
   const auto send = [&](int at, int result) {

@@ -172,8 +172,6 @@ TEST(TallyvaneReader, TakesAFullReadWholeAndSurvivesAWriterThatKeepsReconnecting
   dup2(console, STDOUT_FILENO);
   close(console);
   close(out);
-  std::printf("descriptors %ld -> %ld, RSS %ld kB -> %ld kB over %zu reopens\n", first.first, last.first,
-              first.second, last.second, reopens);
   EXPECT_EQ(reopens, 2000u);
   EXPECT_EQ(last.first, first.first);
 #ifndef __SANITIZE_THREAD__  // ThreadSanitizer keeps its own record of every descriptor it has seen
