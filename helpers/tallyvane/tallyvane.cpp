@@ -41,8 +41,26 @@ constexpr auto kFirstBlockPoll = 30ms;
 
 const char* const kGulp = "GULP; ignoring this frame's data";
 
-bool StartsWithSync(const std::vector<std::uint8_t>& buffer) {
-  return buffer.size() >= 2 && buffer[0] == lc::kSync0 && buffer[1] == lc::kSync1;
+bool SyncAt(const std::vector<std::uint8_t>& buffer, std::size_t at) {
+  return at + 1 < buffer.size() && buffer[at] == lc::kSync0 && buffer[at + 1] == lc::kSync1;
+}
+
+// The hex dump's cells, "XX " per byte. Made once per read: a resync run
+// shows the same bytes again and again, one fewer each time.
+std::string HexCells(const std::uint8_t* data, std::size_t count) {
+  static const char digits[] = "0123456789ABCDEF";
+  std::string cells(3 * count, ' ');
+  for (std::size_t i = 0; i < count; ++i) {
+    cells[3 * i] = digits[data[i] >> 4];
+    cells[3 * i + 1] = digits[data[i] & 0x0F];
+  }
+  return cells;
+}
+
+void WriteDump(const char* cells, std::size_t length) {
+  std::puts("*** Received:");
+  std::fwrite(cells, 1, length, stdout);
+  std::putchar('\n');
 }
 
 // Length of the file behind `in` (left at its start); -1 when unknown.
@@ -73,9 +91,7 @@ int Tallyvane::RunReader() {
   Notify("READY=1");  // the service manager: the board is being read from now on
 
   for (;;) {
-    // Descriptor 0 counts as closed too: after a zero-length read the
-    // descriptor is parked at 0 until the device is opened again.
-    if (deviceFd < 1) deviceFd = open(devicePath.c_str(), O_RDONLY | O_NONBLOCK);
+    if (deviceFd < 0) deviceFd = open(devicePath.c_str(), O_RDONLY | O_NONBLOCK);
 
     bool polling = true;
     while (polling) {
@@ -101,15 +117,13 @@ int Tallyvane::RunReader() {
           std::cerr.setstate(std::ios::badbit);
         }
       } else if (count == 0) {
-        // The writer went away: carry on with a fresh descriptor. The old
-        // one is not closed.
+        // The writer went away: carry on with a fresh descriptor, the old
+        // one closed first, so that a link that keeps flapping cannot use
+        // up the process's descriptors.
         Log::Error("Read 0 bytes");
-        deviceFd = 0;
-        if (!readerRunning) {
-          const int result = close(deviceFd);
-          deviceFd = -1;
-          return result;
-        }
+        const int result = close(deviceFd);
+        deviceFd = -1;
+        if (!readerRunning) return result;
         deviceFd = open(devicePath.c_str(), O_RDONLY | O_NONBLOCK);
         polling = true;
       } else {
@@ -148,18 +162,21 @@ int UnpackAndHandle(const char* packet, std::size_t available, int& length, Hand
 }  // namespace
 
 void Tallyvane::ProcessReceived() {
-  if (rxBuffer.size() < 3) return;
-  if (!StartsWithSync(rxBuffer)) {
+  const std::size_t size = rxBuffer.size();
+  if (size < 3) return;
+  if (!SyncAt(rxBuffer, 0)) {
     std::cout << kGulp << '\n';
     return;
   }
 
-  for (;;) {
+  std::size_t at = 0;  // where the current frame's sync bytes are
+  std::string cells;
+  while (size - at >= 3) {
     // Three bytes can hold the sync and a length but no type; nothing can
     // unpack from that, so it is treated like a type we do not know.
-    const int type = rxBuffer.size() > 3 ? rxBuffer[3] : -1;
-    const char* packet = reinterpret_cast<const char*>(rxBuffer.data() + 2);
-    const std::size_t available = rxBuffer.size() - 2;
+    const int type = size - at > 3 ? rxBuffer[at + 3] : -1;
+    const char* packet = reinterpret_cast<const char*>(rxBuffer.data() + at + 2);
+    const std::size_t available = size - at - 2;
     int result = -1;
     int length = 0;
 
@@ -195,29 +212,31 @@ void Tallyvane::ProcessReceived() {
     }
 
     if (result != 0) {
-      // Resynchronise one byte at a time until the next frame that unpacks;
-      // every byte given up is shown, so a noisy link is easy to spot.
-      DumpReceived(rxBuffer.data(), static_cast<int>(rxBuffer.size()));
-      std::cout << "CHOKE" << '\n';
-      rxBuffer.erase(rxBuffer.begin());
-      if (rxBuffer.size() < 3) return;
+      // Resynchronise on the next sync bytes, one byte at a time. A packet
+      // without sync bytes in front is not a frame, however well it would
+      // unpack. Every byte given up is shown, so a noisy link is easy to spot.
+      if (cells.empty()) cells = HexCells(rxBuffer.data(), size);
+      do {
+        WriteDump(cells.data() + 3 * at, 3 * (size - at));
+        std::cout << "CHOKE" << '\n';
+        ++at;
+      } while (at < size && !SyncAt(rxBuffer, at));
       continue;
     }
 
-    const std::size_t used = std::min(rxBuffer.size(), 2 + static_cast<std::size_t>(length));
-    rxBuffer.erase(rxBuffer.begin(), rxBuffer.begin() + static_cast<std::ptrdiff_t>(used));
-    if (rxBuffer.size() < 3) return;
-    if (!StartsWithSync(rxBuffer)) {
+    at += std::min(size - at, 2 + static_cast<std::size_t>(length));
+    if (size - at < 3) break;
+    if (!SyncAt(rxBuffer, at)) {
       std::cout << kGulp << '\n';
-      return;
+      break;
     }
   }
+  rxBuffer.erase(rxBuffer.begin(), rxBuffer.begin() + static_cast<std::ptrdiff_t>(std::min(at, size)));
 }
 
 void Tallyvane::DumpReceived(const std::uint8_t* data, int count) {
-  std::puts("*** Received:");
-  for (int i = 0; i < count; ++i) std::printf("%02X ", data[i]);
-  std::printf("\n");
+  const std::string cells = HexCells(data, static_cast<std::size_t>(std::max(count, 0)));
+  WriteDump(cells.data(), cells.size());
 }
 
 void Tallyvane::OnDatalinkAck(const VYRCam::DatalinkPacketAck& ack) {

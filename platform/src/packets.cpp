@@ -64,13 +64,15 @@ void Packet::Pack(std::uint8_t* out) const {
 
 int Packet::Unpack(const char* data, std::size_t available) {
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(data);
+  // The order is part of the contract (docs/wire-format.md): a packet that
+  // has not fully arrived is reported as such, whatever its header claims.
   if (data == nullptr || available < kHeaderBytes + kCheckBytes) return kUnpackTruncated;
   const std::size_t length = bytes[0];
+  if (available < length) return kUnpackTruncated;
   if (length < kHeaderBytes + kCheckBytes) return kUnpackBadLength;
-  if (bytes[1] != type_) return kUnpackWrongType;
   const std::size_t payloadLength = length - kHeaderBytes - kCheckBytes;
   if (!PayloadLengthValid(payloadLength)) return kUnpackBadLength;
-  if (available < length) return kUnpackTruncated;
+  if (bytes[1] != type_) return kUnpackWrongType;
   const std::uint16_t wanted = static_cast<std::uint16_t>((bytes[length - 2] << 8) | bytes[length - 1]);
   if (Checksum(bytes, length - kCheckBytes) != wanted) return kUnpackBadChecksum;
 

@@ -19,6 +19,7 @@ namespace lc {
 
 namespace {
 
+constexpr const char* kDefaultDataPath = "/dev/arm-tallyvane-data";
 constexpr const char* kDefaultDownlinkPath = "/dev/arm-tallyvane-ctl";
 constexpr const char* kDefaultVersionFile = "/run/tallyvane/firmware-version";
 // Long enough for a busy reader to drain a pipe, short enough that the update
@@ -116,6 +117,8 @@ std::vector<std::uint8_t> EncodeDownlinkFrame(int channel, const std::uint8_t* b
   frame.insert(frame.end(), bytes, bytes + count);
   return frame;
 }
+
+std::string DataDevicePath() { return EnvOr("QUORVEX_TALLYVANE_DATA", kDefaultDataPath); }
 
 std::string DownlinkDevicePath() { return EnvOr("QUORVEX_TALLYVANE_DOWNLINK", kDefaultDownlinkPath); }
 

@@ -106,20 +106,26 @@ TEST(Packets, EveryClassPacksAsDocumentedAndUnpacksToTheSameValues) {
   EXPECT_EQ(Packed(block), (Bytes{0x0B, 0x12, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xDE, 0xAD, 0x96, 0xB5}));
 }
 
-TEST(Packets, EveryCutAndEverySingleBitFlipFailsToUnpack) {
-  for (const Sample& s : AllSamples()) {
-    SCOPED_TRACE(s.name);
-    const Bytes wire = Packed(*s.sent);
-    for (std::size_t n = 0; n < wire.size(); ++n)
-      EXPECT_NE(UnpackExact(*s.blank(), wire, n), kUnpackOk) << "prefix " << n;
-    for (std::size_t bit = 0; bit < wire.size() * 8; ++bit) {
-      Bytes bad = wire;
-      bad[bit / 8] ^= static_cast<std::uint8_t>(1u << (bit % 8));
-      // Room for a grown length byte, so that the flip and not a cut is caught.
-      bad.resize(std::max<std::size_t>(bad.size(), bad[0]), 0);
-      EXPECT_NE(UnpackExact(*s.blank(), bad, bad.size()), kUnpackOk) << "bit " << bit;
-    }
-  }
+// The first failure in the documented order: what has not fully arrived is
+// truncated, whatever its length byte claims.
+TEST(Packets, UnpackReportsTheFirstFailureInTheDocumentedOrder) {
+  const auto samples = AllSamples();
+  auto of = [&](int type) { return *std::find_if(samples.begin(), samples.end(), [&](auto& s) { return s.type == type; }); };
+  auto wire = [&](int type, std::size_t at = 2, int value = -1) {
+    Bytes w = Packed(*of(type).sent);
+    if (value >= 0) w[at] = static_cast<std::uint8_t>(value);
+    return w;
+  };
+  const struct { int type; Bytes wire; std::size_t available; int code; } rows[] = {
+      {32, wire(32, 0, 255), 16, kUnpackTruncated}, {35, wire(35, 0, 6), 5, kUnpackTruncated},
+      {33, wire(33, 0, 14), 13, kUnpackTruncated},  {35, wire(35, 0, 3), 3, kUnpackTruncated},
+      {35, wire(35), 4, kUnpackTruncated},          {18, wire(18, 0, 4), 12, kUnpackBadLength},
+      {32, wire(32, 0, 15), 16, kUnpackBadLength},  {32, wire(35), 5, kUnpackBadLength},
+      {35, wire(36), 5, kUnpackWrongType},          {35, wire(35, 2, 0x5B), 5, kUnpackBadChecksum},
+      {35, wire(35), 5, kUnpackOk},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(UnpackExact(*of(row.type).blank(), row.wire, row.available), row.code) << row.type << "/" << row.available;
 }
 
 Package Camera(int region) { return VYRCam::libVyrCam::FilesystemFirmwarePackage(region); }
@@ -178,7 +184,7 @@ TEST_F(PlatformTest, FirmwarePackageIsTheHighestVersionWithAMatchingName) {
   }
 }
 
-TEST_F(PlatformTest, DownlinkGetsOneExactFramePerCallAndFailsQuicklyWithoutAReader) {
+TEST_F(PlatformTest, DownlinkGetsOneWholeFramePerCallFromAnyThreadAndFailsQuickly) {
   EXPECT_EQ(Send({1}), 0);
   ASSERT_EQ(mkfifo(downlink.c_str(), 0600), 0);
   const auto start = Clock::now();
@@ -202,12 +208,10 @@ TEST_F(PlatformTest, DownlinkGetsOneExactFramePerCallAndFailsQuicklyWithoutARead
 
   reader.reset();
   EXPECT_EQ(Send({2}), 0) << "a reader that has gone raises SIGPIPE; we must still be here";
-}
 
-// The helper sends from its receive thread and its update thread at once,
-// and must not hang when the board stops reading.
-TEST_F(PlatformTest, ConcurrentSendersNeverInterleaveAndAFullPipeFailsQuickly) {
-  const Reader reader(downlink);
+  // The helper sends from its receive thread and its update thread at once,
+  // and must not hang when the board stops reading.
+  reader = std::make_unique<Reader>(downlink);
   std::vector<std::thread> senders;
   for (int t = 0; t < 4; ++t) {
     senders.emplace_back([t] {
@@ -215,11 +219,11 @@ TEST_F(PlatformTest, ConcurrentSendersNeverInterleaveAndAFullPipeFailsQuickly) {
     });
   }
   for (auto& s : senders) s.join();
-  const auto start = Clock::now();
+  const auto full = Clock::now();
   EXPECT_EQ(Send(Bytes(lc::kMaxDownlinkPayload, 9)), 0) << "a pipe that nobody drains must fill up";
-  EXPECT_LT(Clock::now() - start, 1s);
+  EXPECT_LT(Clock::now() - full, 1s);
 
-  const Bytes got = reader.Drain();
+  const Bytes got = reader->Drain();
   EXPECT_GT(got.size(), 40000u);
   for (std::size_t at = 0, count = 0; at < got.size(); at += lc::kDownlinkHeaderBytes + count) {
     ASSERT_LT(at + lc::kDownlinkHeaderBytes, got.size());

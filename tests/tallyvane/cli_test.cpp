@@ -1,7 +1,11 @@
 // `firmware-updater tallyvane` as a real process, on the real clock. The
 // board's frames are read only after the machine has run, so the check for
-// update information always waits out its ten seconds.
+// update information always waits out its ten seconds. Its data device is a
+// FIFO of ours (QUORVEX_TALLYVANE_DATA), never the host's.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -10,6 +14,7 @@
 #include "notify_socket.hpp"
 #include "subprocess.hpp"
 #include "temp_dir.hpp"
+#include "vyrcam/packets.hpp"
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
@@ -17,7 +22,10 @@ using Clock = std::chrono::steady_clock;
 TEST(TallyvaneCommandLine, GivesUpOnTheBoardAfterTenSecondsThenKeepsReadingTheDevice) {
   Updater::Testing::TempDir dir;
   Updater::Testing::ProcessOptions options;
-  options.env = {{"QUORVEX_TALLYVANE_DOWNLINK", dir / "no-downlink"},
+  const std::string data = dir / "data";
+  ASSERT_EQ(mkfifo(data.c_str(), 0600), 0);
+  options.env = {{"QUORVEX_TALLYVANE_DATA", data},
+                 {"QUORVEX_TALLYVANE_DOWNLINK", dir / "no-downlink"},
                  {"QUORVEX_FIRMWARE_DIR", dir.path()},
                  {"QUORVEX_TALLYVANE_VERSION_FILE", dir / "no-version"}, {"NOTIFY_SOCKET", dir / "notify"}};
   Updater::Testing::NotifySocket notify(dir / "notify");
@@ -26,11 +34,21 @@ TEST(TallyvaneCommandLine, GivesUpOnTheBoardAfterTenSecondsThenKeepsReadingTheDe
       "\033[0;31mfw-updater Debug: [ERROR] -- Error asking tallyvane for update info status, not updating\033[0m\n";
   const auto started = Clock::now();
   std::optional<Clock::time_point> refusedAt, doneAt, readyAt;
+  bool spoke = false;
   options.stopWhen = [&](const std::string& out, const std::string&) {
     if (!refusedAt && out.find(refusal) != std::string::npos) refusedAt = Clock::now();
     if (!doneAt && out.find("Entered: UpdateDone\n") != std::string::npos) doneAt = Clock::now();
     for (const auto& message : notify.Take()) if (message == "READY=1") readyAt = Clock::now();
-    return doneAt && Clock::now() - *doneAt > 1500ms;  // time to show that it does not end on its own
+    // Once the loop has the FIFO open (until then ENXIO), the board speaks.
+    const int fd = doneAt && !spoke ? open(data.c_str(), O_WRONLY | O_NONBLOCK) : -1;
+    if (fd >= 0) {
+      std::uint8_t frame[18] = {0xAA, 0xA9};
+      VYRCam::UpdateInfo(7, 3, 64, 2).Pack(frame + 2);
+      spoke = write(fd, frame, sizeof frame) == sizeof frame;
+      close(fd);
+    }
+    // Time to show that it does not end on its own.
+    return doneAt && Clock::now() - *doneAt > 1500ms && out.find("\tflash Sector: [2]") != std::string::npos;
   };
   const auto run = Updater::Testing::RunProcess(Updater::Testing::UpdaterBinary(), {"tallyvane"}, options);
   ASSERT_TRUE(refusedAt.has_value()) << run.out;

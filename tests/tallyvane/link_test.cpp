@@ -23,10 +23,7 @@ namespace {
 using namespace std::chrono_literals;
 using namespace VYRCam;
 using Bytes = std::vector<std::uint8_t>;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
+namespace capture = testing::internal;
 using Updater::Helpers::Tallyvane;
 
 // 0xAA 0xA9 followed by the packed packet, as the board writes it.
@@ -49,8 +46,14 @@ std::size_t Count(const std::string& text, const std::string& what) {
   return n;
 }
 
-std::string Stdout(const std::function<void()>& run) { return CaptureStdout(), run(), GetCapturedStdout(); }
-std::string Stderr(const std::function<void()>& run) { return CaptureStderr(), run(), GetCapturedStderr(); }
+// Every field of the link state, in declaration order.
+std::vector<long long> Fields(const Tallyvane::LinkState& s) {
+  return {s.updateCompleted, s.partialDlVer, s.downloadedBlocks, s.flashSector, s.haveUpdateInfo, s.firstBlock,
+          s.lastReceived,    s.nextBlock,    s.blockReportReceived, s.lastSentBlock, s.lastAckedBlock};
+}
+
+std::string Stdout(const std::function<void()>& run) { return capture::CaptureStdout(), run(), capture::GetCapturedStdout(); }
+std::string Stderr(const std::function<void()>& run) { return capture::CaptureStderr(), run(), capture::GetCapturedStderr(); }
 
 // Lets the test act as the board while the helper waits: `onSleep` runs before each sleep returns.
 class ScriptedClock : public Updater::Testing::FakeClock {
@@ -113,13 +116,10 @@ class LinkTest : public testing::Test {
     std::cout << std::dec;
     return result;
   }
-  Bytes SentBlockData() {
+  Bytes SentBlockData() {  // of the one block sent since the last call
     const auto sent = Sent();
     FirmwareBlock block;
-    EXPECT_EQ(sent.size(), 1u);
-    if (sent.size() == 1) {
-      EXPECT_EQ(block.Unpack(reinterpret_cast<const char*>(sent[0].data()), sent[0].size()), 0);
-    }
+    EXPECT_TRUE(sent.size() == 1 && block.Unpack(reinterpret_cast<const char*>(sent[0].data()), sent[0].size()) == 0);
     AckEverything();
     return Bytes(block.Data().begin(), block.Data().end());
   }
@@ -131,141 +131,98 @@ class LinkTest : public testing::Test {
   Tallyvane helper{dir / "no-device", clock};
 };
 
-TEST_F(LinkTest, ShortReadsAreIgnoredAndReadsNotStartingWithSyncAreDroppedWhole) {
-  const std::string gulp = "GULP; ignoring this frame's data\n";
-  for (const Bytes& read : {Bytes{0xAA, 0xA9}, Bytes{0x01, 0x02}, Bytes{}}) EXPECT_EQ(Printed(read), "");
-  const auto report = Frame(ReceivedFirmwareBlock(-1, 128));
-  EXPECT_EQ(Printed(Concat({{0x00}, report})), gulp);
-  EXPECT_EQ(Printed(Concat({{0xAA, 0x00}, report})), gulp);
-  EXPECT_EQ(helper.State().nextBlock, -1);
-  // After a good frame, a tail that is not a frame ends the read.
-  EXPECT_EQ(Printed(Concat({report, {0x55, 0x66, 0x77}, Frame(ReceivedFirmwareBlock(128, 192))})), gulp);
-  EXPECT_EQ(helper.State().nextBlock, 128);
-}
-
-TEST_F(LinkTest, FramesInOneReadAreHandledInOrder) {
-  Feed(Concat({Frame(UpdateInfo(0x1234, 0xFFFFFFFE, 32, 7)), Frame(ReceivedFirmwareBlock(-1, 10)),
-               Frame(ReceivedFirmwareBlock(10, 20))}));
-  const auto state = helper.State();
-  EXPECT_EQ(state.haveUpdateInfo, 1);
-  EXPECT_EQ(state.downloadedBlocks, -2);  // sign-extended from 32 bits
-  EXPECT_EQ(state.flashSector, 7);
-  EXPECT_EQ(state.firstBlock, 10);  // set only by the first report
-  EXPECT_EQ(state.nextBlock, 20);   // left by the second
-  EXPECT_EQ(state.lastAckedBlock, 10);
-}
-
-// Types the updater has no class for: 34 sits among the board's codes, 40 above them.
-TEST_F(LinkTest, UnknownTypeIsDumpedAndSkippedByteByByteUntilTheNextFrame) {
-  auto dump = [](Bytes::const_iterator from, Bytes::const_iterator to) {
-    std::string out = "*** Received:\n";
-    char cell[4];
-    for (; from != to; ++from) out += (std::snprintf(cell, sizeof cell, "%02X ", *from), cell);
-    return out + "\nCHOKE\n";
-  };
-  for (std::uint8_t type : {34, 40}) {
-    auto unknown = Frame(UpdateComplete());
-    unknown[3] = type;
-    const auto read = Concat({unknown, Frame(ReceivedFirmwareBlock(-1, type))});
-    const auto out = Printed(read);
-    // First the whole read, then the same read one byte further on.
-    EXPECT_EQ(out.rfind(dump(read.begin(), read.end()) + dump(read.begin() + 1, read.end()), 0), 0u) << out;
-    EXPECT_EQ(Count(out, "CHOKE"), unknown.size());
-    EXPECT_EQ(helper.State().nextBlock, type);
-  }
-}
-
-TEST_F(LinkTest, CorruptFrameInTheMiddleCostsOneChokePerByteUntilTheNextSync) {
-  auto corrupt = Frame(ReceivedFirmwareBlock(10, 20));
-  corrupt.back() ^= 0xFF;
-  const auto out =
-      Printed(Concat({Frame(ReceivedFirmwareBlock(-1, 10)), corrupt, Frame(ReceivedFirmwareBlock(20, 30))}));
-  EXPECT_EQ(Count(out, "CHOKE\n"), corrupt.size());
-  EXPECT_EQ(Count(out, "\033[0;31mfw-updater Debug: [ERROR] -- Failed to Unpack ReceivedFirmwareBlock [4]\033[0m\n"),
-            1u);
-  const auto state = helper.State();
-  EXPECT_EQ(state.firstBlock, 10);
-  EXPECT_EQ(state.nextBlock, 30);
-  EXPECT_EQ(state.lastAckedBlock, 20);
-}
-
-// syslog() mirrors its records to stderr under LOG_PERROR: that is how the
-// two failures that never reach the console are seen.
-TEST_F(LinkTest, UnpackFailuresAreReportedInRedOrToSyslog) {
+// One read each, on a fresh helper. After a frame that does not unpack, every
+// byte up to the next sync bytes (or the end of the read) costs a dump and a
+// "CHOKE"; a packet without sync bytes in front is never taken. syslog()
+// mirrors its records to stderr under LOG_PERROR, so all failure reports are seen.
+TEST_F(LinkTest, ReadsAreCutIntoFramesAndResynchroniseOnlyOnTheSyncBytes) {
   auto cut = [](Bytes frame, std::size_t by) { return Bytes(frame.begin(), frame.end() - by); };
   auto flip = [](Bytes frame, std::size_t at) { return frame[at] ^= 0x10, frame; };
-  const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- Failed to Unpack ";
-  const struct { Bytes frame; bool toSyslog; std::string message; } cases[] = {
-      {cut(Frame(UpdateInfo(1, 2, 64, 3)), 4), false, red + "UpdateInfo [1]\033[0m\n"},
-      {flip(Frame(UpdateComplete()), 4), false, red + "UpdateComplete [4]\033[0m\n"},
-      {flip(Frame(DatalinkPacketAck(7, true)), 8), true, "Failed to Unpack DataLink Packet ACK [4]"},
-      {cut(Frame(UpdateError()), 1), true, "Failed to Unpack UpdateError [1]"},
+  auto typed = [](std::uint8_t type) { auto f = Frame(UpdateComplete()); return f[3] = type, f; };
+  auto dump = [](const Bytes& read, std::size_t from) {
+    std::string out = "*** Received:\n";
+    for (auto i = from; i < read.size(); ++i) out += {"0123456789ABCDEF"[read[i] >> 4], "0123456789ABCDEF"[read[i] & 15], ' '};
+    return out + "\nCHOKE\n";
+  };
+  const auto report = Frame(ReceivedFirmwareBlock(-1, 128)), badCrc = flip(Frame(ReceivedFirmwareBlock(10, 20)), 14);
+  const Bytes unsynced(report.begin() + 2, report.end());
+  const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- Failed to Unpack ", reset = "]\033[0m\n";
+  const struct { Bytes read; std::size_t chokes; bool gulp; int next; std::string failure; } rows[] = {
+      {{0xAA, 0xA9}, 0, false, -1, ""}, {{0x01, 0x02}, 0, false, -1, ""},
+      {Concat({{0x00}, report}), 0, true, -1, ""},
+      {Concat({{0xAA, 0x00}, report}), 0, true, -1, ""},
+      {Concat({{0x12, 0x34}, unsynced}), 0, true, -1, ""},
+      {Concat({report, {0x55, 0x66, 0x77}, Frame(ReceivedFirmwareBlock(128, 192))}), 0, true, 128, ""},
+      {Concat({typed(34), report}), 7, false, 128, ""},
+      {Concat({typed(40), report}), 7, false, 128, ""},
+      {Concat({badCrc, report}), 15, false, 128, red + "ReceivedFirmwareBlock [4" + reset},
+      {Concat({badCrc, {0x12, 0x34}, unsynced}), 30, false, -1, red + "ReceivedFirmwareBlock [4" + reset},
+      {Concat({badCrc, {0xAA, 0x00}, unsynced}), 30, false, -1, red + "ReceivedFirmwareBlock [4" + reset},
+      {Concat({typed(34), {0x12, 0x34}, unsynced}), 22, false, -1, ""},
+      {cut(Frame(UpdateInfo(1, 2, 64, 3)), 4), 14, false, -1, red + "UpdateInfo [1" + reset},
+      {flip(Frame(UpdateComplete()), 4), 7, false, -1, red + "UpdateComplete [4" + reset},
+      {flip(Frame(DatalinkPacketAck(7, true)), 8), 9, false, -1, "Failed to Unpack DataLink Packet ACK [4]"},
+      {cut(Frame(UpdateError()), 1), 6, false, -1, "Failed to Unpack UpdateError [1]"},
   };
   openlog("tallyvane-test", LOG_PERROR, LOG_USER);
-  for (const auto& c : cases) {
+  for (const auto& row : rows) {
+    Tallyvane fresh{dir / "no-device", clock};
     std::string out;
-    const auto err = Stderr([&] { out = Printed(c.frame); });
-    EXPECT_NE((c.toSyslog ? err : out).find(c.message), std::string::npos) << c.message << out << err;
+    const auto err = Stderr([&] { out = Stdout([&] { fresh.Receive(row.read.data(), row.read.size()); }); });
+    SCOPED_TRACE(out + err);
+    EXPECT_EQ(Count(out, "CHOKE\n"), row.chokes);
+    // The dumps come first, after a red failure line; without a CHOKE only a GULP may be printed.
+    EXPECT_EQ(out.find(dump(row.read, 0) + dump(row.read, 1)),
+              row.chokes == 0 ? std::string::npos : out.rfind(row.failure, 0) == 0 ? row.failure.size() : 0);
+    EXPECT_TRUE(row.chokes > 0 || out == (row.gulp ? "GULP; ignoring this frame's data\n" : ""));
+    EXPECT_EQ(fresh.State().nextBlock, row.next);
+    EXPECT_EQ(Count(out + err, "Failed to Unpack"), row.failure.empty() ? 0u : 1u);
+    EXPECT_NE((out + err).find(row.failure), std::string::npos);
+    EXPECT_EQ(fresh.State().haveUpdateInfo + fresh.State().updateCompleted, 0) << "failed frames change nothing";
   }
   closelog();
-  EXPECT_EQ(helper.State().haveUpdateInfo + helper.State().updateCompleted, 0) << "failed frames change nothing";
 }
 
-TEST_F(LinkTest, ProgressLineIsThrottledExceptForTheLastReport) {
-  auto line = [](int last, int next) {
-    return "Processing ACK for firmware block, last byte: [" + std::to_string(last) + "], next byte: [" +
-           std::to_string(next) + "]\n";
-  };
-  EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(0, 64))), line(0, 64));
-  clock.Advance(500ms);
-  EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(64, 128))), "");
-  clock.Advance(500ms);  // exactly the interval since the last line: still quiet
-  EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(128, 192))), "");
-  EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(192, 0xFFFFFFFF))), line(192, -1));
-  EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(192, 0xFFFFFFFF))), line(192, -1));
-  clock.Advance(1ms);
-  EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(192, 256))), line(192, 256));
-}
-
-TEST_F(LinkTest, SecondUpdateCompleteIsIgnored) {
+// Frames of one read in order, a completion handled once, then an update error that resets
+// everything but the flash sector (not part of an update's progress) and prints nothing.
+TEST_F(LinkTest, FramesInOrderCompletionOnceAndAnUpdateErrorResetsTheUpdateSilently) {
+  Feed(Concat({Frame(UpdateInfo(0x1234, 0xFFFFFFFE, 32, 7)), Frame(ReceivedFirmwareBlock(-1, 10)),
+               Frame(ReceivedFirmwareBlock(10, 20))}));
+  // Blocks sign-extended from 32 bits; the first block is set only by the first report, the next by the last.
+  EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{0, 0x1234, -2, 7, 1, 10, 10, 20, 1, -1, 10}));
   EXPECT_NE(Printed(Frame(UpdateComplete())).find("that the update has completed!"), std::string::npos);
   auto sent = Sent();
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(sent[0][1], kApplyUpdate);
   // Acknowledged, so that a second ApplyUpdate could not be held back by the queue.
   Feed(Frame(DatalinkPacketAck(0, true)));
-  EXPECT_EQ(helper.PendingCount(), 0u);
   EXPECT_EQ(Printed(Frame(UpdateComplete())), "");
   EXPECT_TRUE(Sent().empty());
-  EXPECT_EQ(helper.State().updateCompleted, 1);
-  EXPECT_EQ(helper.State().nextBlock, -1);
-}
-
-TEST_F(LinkTest, UpdateErrorResetsEveryFieldAndEmptiesTheQueueSilently) {
-  Feed(Concat({Frame(UpdateInfo(3, 4, 64, 5)), Frame(ReceivedFirmwareBlock(-1, 40)),
-               Frame(ReceivedFirmwareBlock(40, 80))}));
+  EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{1, 0x1234, -2, 7, 1, -1, -1, -1, 1, -1, -1}));
   helper.SendBlock(40, Bytes(8, 0x11));
-  Feed(Frame(UpdateComplete()));  // queues an ApplyUpdate behind the block
-  ASSERT_EQ(helper.PendingCount(), 2u);
-  ASSERT_EQ(helper.State().updateCompleted, 1);
-  ASSERT_NE(helper.State().lastSentBlock, -1);
+  Feed(Frame(ReceivedFirmwareBlock(40, 80)));
+  ASSERT_EQ(helper.PendingCount(), 1u);
   EXPECT_EQ(Printed(Frame(UpdateError())), "");
-  const auto s = helper.State();
   EXPECT_EQ(helper.PendingCount(), 0u);
-  EXPECT_EQ(s.updateCompleted, 0);
-  EXPECT_EQ(s.partialDlVer, 0);
-  EXPECT_EQ(s.downloadedBlocks, 0);
-  EXPECT_EQ(s.haveUpdateInfo, 0);
-  EXPECT_EQ(s.firstBlock, 0);
-  EXPECT_EQ(s.lastReceived, -1);
-  EXPECT_EQ(s.nextBlock, -1);
-  EXPECT_EQ(s.blockReportReceived, 0);
-  EXPECT_EQ(s.lastSentBlock, -1);
-  EXPECT_EQ(s.lastAckedBlock, -1);
-  EXPECT_EQ(s.flashSector, 5);  // not part of an update's progress
+  EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{0, 0, 0, 7, 0, 0, -1, -1, 0, -1, -1}));
 }
 
-TEST_F(LinkTest, PacketsWantingAnAckWaitInTheQueueUntilAcknowledged) {
+// Exactly the interval since the last line is still quiet; the end of the image always prints.
+TEST_F(LinkTest, ProgressLineIsThrottledExceptForTheLastReport) {
+  const struct { std::chrono::milliseconds wait; int last; std::uint32_t next; bool printed; } steps[] = {
+      {0ms, 0, 64, true},           {500ms, 64, 128, false},      {500ms, 128, 192, false},
+      {0ms, 192, 0xFFFFFFFF, true}, {0ms, 192, 0xFFFFFFFF, true}, {1ms, 192, 256, true}};
+  for (const auto& step : steps) {
+    clock.Advance(step.wait);
+    const std::string line = "Processing ACK for firmware block, last byte: [" + std::to_string(step.last) +
+                             "], next byte: [" + std::to_string(static_cast<int>(step.next)) + "]\n";
+    EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(step.last, step.next))), step.printed ? line : "") << step.last;
+  }
+}
+
+// Packets that want an acknowledgement queue behind the one on the wire; only
+// the oldest is resent, once it has waited more than 3 s; sequences wrap at 256.
+TEST_F(LinkTest, SendPathQueuesResendsTheOldestAfterTheTimeoutAndWrapsSequences) {
   RequestUpdateInfo request;
   ClearPendingUpdate clear;
   DatalinkPacketAck noAck(1, true);
@@ -277,60 +234,44 @@ TEST_F(LinkTest, PacketsWantingAnAckWaitInTheQueueUntilAcknowledged) {
   EXPECT_EQ(sent[0][1], kRequestUpdateInfo);
   EXPECT_EQ(sent[1][1], kDatalinkPacketAck);
   ASSERT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
-  Feed(Frame(DatalinkPacketAck(1, false)));  // a refusal changes nothing
+  auto resend = [&] { return Stderr([&] { EXPECT_TRUE(helper.ResendExpired()); }); };
+  clock.Advance(3000ms);
+  EXPECT_EQ(resend(), "");
+  clock.Advance(1ns);
+  EXPECT_EQ(resend(), "VYR cam expired ACK [#0], resending.\n");
+  EXPECT_EQ(resend(), "");  // the resend restarted its timer
+  EXPECT_EQ(Sent(), (std::vector<Bytes>{sent[0]}));
+  Feed(Frame(DatalinkPacketAck(0, false)));  // a refusal changes nothing
   EXPECT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
-  Feed(Frame(DatalinkPacketAck(1, true)));
-  EXPECT_EQ(helper.PendingSequences(), (Bytes{0}));
+  Feed(Frame(DatalinkPacketAck(0, true)));
   Feed(Frame(DatalinkPacketAck(9, true)));
-  EXPECT_EQ(helper.PendingSequences(), (Bytes{0}));
+  EXPECT_EQ(helper.PendingSequences(), (Bytes{1}));
+  // The one queued behind leaves the same way.
+  clock.Advance(3001ms);
+  EXPECT_EQ(resend(), "VYR cam expired ACK [#1], resending.\n");
+  const auto again = Sent();
+  ASSERT_EQ(again.size(), 1u);
+  EXPECT_EQ(again[0][1], kClearPendingUpdate);
   EXPECT_FALSE(helper.RemovePending(9));
-  EXPECT_TRUE(helper.RemovePending(0));
+  EXPECT_TRUE(helper.RemovePending(1));
   EXPECT_TRUE(helper.RemovePending(9));  // nothing outstanding: nothing to miss
   helper.SendPacket(request);
   helper.SendPacket(clear);
   EXPECT_EQ(Stdout([&] { helper.ClearPending(); }),
             "\033[0;36mfw-updater Debug: Clearing Vexalume packet queue\033[0m\n");
   EXPECT_EQ(helper.PendingCount(), 0u);
-}
-
-TEST_F(LinkTest, SequenceNumbersWrapAfter255) {
-  DatalinkPacketAck packet(0, true);
+  Sent();
   const auto out = Stdout([&] {
-    for (int i = 0; i < 258; ++i) ASSERT_TRUE(helper.SendPacket(packet));
+    for (int i = 5; i < 258; ++i) ASSERT_TRUE(helper.SendPacket(noAck));
   });
-  const auto sent = Sent();
-  ASSERT_EQ(sent.size(), 258u);
-  for (std::size_t i = 0; i < sent.size(); ++i) ASSERT_EQ(sent[i][2], i % 256) << i;
+  const auto wrapped = Sent();
+  ASSERT_EQ(wrapped.size(), 253u);
+  for (std::size_t i = 0; i < wrapped.size(); ++i) ASSERT_EQ(wrapped[i][2], (i + 5) % 256) << i;
   EXPECT_NE(out.find(" ** Sending message pkt # [255]\n ** Sending message pkt # [0]\n"), std::string::npos);
 }
 
-TEST_F(LinkTest, ResendExpiredSendsTheOldestOnlyAfterTheTimeout) {
-  RequestUpdateInfo first;
-  ApplyUpdate second;
-  helper.SendPacket(first);
-  helper.SendPacket(second);
-  const auto original = Sent();
-  ASSERT_EQ(original.size(), 1u);
-  auto resend = [&] { return Stderr([&] { EXPECT_TRUE(helper.ResendExpired()); }); };
-  clock.Advance(3000ms);
-  EXPECT_EQ(resend(), "");
-  EXPECT_TRUE(Sent().empty());
-  clock.Advance(1ns);
-  EXPECT_EQ(resend(), "VYR cam expired ACK [#0], resending.\n");
-  EXPECT_EQ(Sent(), original);
-  EXPECT_EQ(resend(), "");  // the resend restarted its timer
-  EXPECT_TRUE(Sent().empty());
-  // Once the first is acknowledged, the one queued behind it leaves the same way.
-  helper.RemovePending(0);
-  clock.Advance(3001ms);
-  EXPECT_EQ(resend(), "VYR cam expired ACK [#1], resending.\n");
-  const auto again = Sent();
-  ASSERT_EQ(again.size(), 1u);
-  EXPECT_EQ(again[0][1], kApplyUpdate);
-  EXPECT_EQ(again[0][2], 1);
-}
-
-TEST_F(LinkTest, PacketSizeDropsToOneAfterAFailedWaitAndClimbsBackTo64) {
+// The packet size drops to 1 after a failed wait and climbs back to 64.
+TEST_F(LinkTest, AckWaitAdaptsThePacketSizeAndTakesAReportBeyondTheLastSentAsAMissedAck) {
   ASSERT_TRUE(helper.SendBlock(0, {1}));  // never reported by the board
   std::string out;
   EXPECT_EQ(Stderr([&] { out = Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 1); }); }),
@@ -355,32 +296,17 @@ TEST_F(LinkTest, PacketSizeDropsToOneAfterAFailedWaitAndClimbsBackTo64) {
   EXPECT_EQ(Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); }),
             "[Talyvane] waiting for ACK!\nTallyvane ACK status: 0\n");
   EXPECT_EQ(helper.PacketSize(), 64);
-}
-
-TEST_F(LinkTest, ReportBeyondTheLastSentBlockIsTakenAsAMissedAck) {
+  // A report beyond the last sent block is taken as a missed acknowledgement, once.
   SendAndReport(100);
   const int reported = helper.State().lastAckedBlock;
-  const auto out = Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); });
+  const auto slept = clock.Slept();
+  out = Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); });
   EXPECT_EQ(Count(out, "************************************* Debug: Possible missed ACK?\n"), 1u);
   const std::string both = std::to_string(reported);
   EXPECT_NE(out.find("Last Acked: [" + both + "], last sent: [" + both + "]\n"), std::string::npos);
   EXPECT_EQ(helper.State().lastSentBlock, reported);
   // One 30 ms poll for the report, one 250 ms pause before the second round.
-  EXPECT_EQ(clock.Slept(), 30ms + 250ms);
-}
-
-std::uint16_t Checksum(const Bytes& bytes) {
-  std::uint16_t sum = 0;
-  Stdout([&] { sum = Tallyvane::tallyvane_checksum(reinterpret_cast<const char*>(bytes.data()), bytes.size()); });
-  return sum;
-}
-
-TEST(TallyvaneChecksum, IsTheByteSumSubtractedFrom256) {
-  EXPECT_EQ(Checksum({}), 256);
-  EXPECT_EQ(Checksum({200, 56}), 0);
-  EXPECT_EQ(Checksum({255, 45}), 65492);
-  // 300 bytes of 0xFF sum to 76500, which wraps to 10964 in 16 bits.
-  EXPECT_EQ(Checksum(Bytes(300, 0xFF)), static_cast<std::uint16_t>(256 - 10964));
+  EXPECT_EQ(clock.Slept() - slept, 30ms + 250ms);
 }
 
 TEST_F(LinkTest, NewerImageIsAnnouncedThenSentInChunksFromTheBoardsPosition) {
@@ -396,7 +322,12 @@ TEST_F(LinkTest, NewerImageIsAnnouncedThenSentInChunksFromTheBoardsPosition) {
   UpdateAvailable announce;
   ASSERT_EQ(announce.Unpack(reinterpret_cast<const char*>(sentByCheck[1].data()), sentByCheck[1].size()), 0);
   EXPECT_EQ(announce.Version(), 7);
-  EXPECT_EQ(announce.Hash(), Checksum(image));
+  std::uint16_t sum = 256, whole = 0, none = 0;  // the byte sum, subtracted from 256, in 16 bits
+  for (auto b : image) sum = static_cast<std::uint16_t>(sum - b);
+  EXPECT_EQ(announce.Hash(), sum);
+  Stdout([&] { whole = Tallyvane::tallyvane_checksum(reinterpret_cast<const char*>(image.data()), image.size()); });
+  EXPECT_EQ(whole, sum);
+  EXPECT_EQ((Stdout([&] { none = Tallyvane::tallyvane_checksum("", 0); }), none), 256);
   EXPECT_EQ(announce.Chunks(), image.size());
   EXPECT_TRUE(helper.HaveUpdateFile());
   const auto send = [&](int at, int result) {
@@ -414,12 +345,17 @@ TEST_F(LinkTest, NewerImageIsAnnouncedThenSentInChunksFromTheBoardsPosition) {
   EXPECT_TRUE(SentBlockData().empty());
   EXPECT_EQ(send(200001, 0),
             "Calculated chunk start of [200001] which is larger than the firmware file... aborting update.\n");
+  // Each chunk reopens the image. A chunk that ends exactly at the end is not announced as running past it.
+  image.resize(1000);
+  dir.Write("tallyvane-7.bin", std::string(image.begin(), image.end()));
+  EXPECT_EQ(send(936, 1), "");
+  EXPECT_EQ(SentBlockData(), Bytes(image.begin() + 936, image.end()));
   std::filesystem::remove(path);
   send(0, 0);
   EXPECT_TRUE(Sent().empty());
 }
 
-TEST_F(LinkTest, ImageNotNewerThanTheBoardOrNoImageMeansNoUpdate) {
+TEST_F(LinkTest, NoAnswerOrAnImageNotNewerThanTheBoardOrNoImageMeansNoUpdate) {
   dir.Write("tallyvane-5.bin", "abc");
   EXPECT_EQ(Check(), 0);
   EXPECT_EQ(lastOut.find("Checksum"), std::string::npos);
@@ -429,6 +365,14 @@ TEST_F(LinkTest, ImageNotNewerThanTheBoardOrNoImageMeansNoUpdate) {
   EXPECT_EQ(Check(), 0);
   EXPECT_EQ(sentByCheck.size(), 1u) << "nothing announced";
   EXPECT_FALSE(helper.HaveUpdateFile());
+  // A board that never answers: 102 polls, 100 ms apart.
+  Updater::Testing::FakeClock quiet;
+  Tallyvane unanswered{dir / "no-device", quiet};
+  EXPECT_EQ(Stdout([&] { EXPECT_EQ(unanswered.CheckForUpdate(), 0); }),
+            " ** Sending message pkt # [0]\n\033[0;31mfw-updater Debug: [ERROR] -- Error asking tallyvane for update "
+            "info status, not updating\033[0m\n");
+  EXPECT_EQ(quiet.Sleeps(), 102);
+  EXPECT_EQ(quiet.Slept(), 102 * 100ms);
 }
 
 }  // namespace

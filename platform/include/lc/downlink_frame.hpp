@@ -32,6 +32,9 @@ std::vector<std::uint8_t> EncodeDownlinkFrame(int channel, const std::uint8_t* b
 // when time ran out (errno tells which error).
 std::size_t WriteWithin(int fd, const std::uint8_t* data, std::size_t size, std::chrono::milliseconds limit);
 
+// $QUORVEX_TALLYVANE_DATA, else "/dev/arm-tallyvane-data": the uplink the
+// updater's receive loop reads.
+std::string DataDevicePath();
 // $QUORVEX_TALLYVANE_DOWNLINK, else "/dev/arm-tallyvane-ctl".
 std::string DownlinkDevicePath();
 // $QUORVEX_TALLYVANE_VERSION_FILE, else "/run/tallyvane/firmware-version".

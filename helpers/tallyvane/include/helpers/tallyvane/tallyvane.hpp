@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "common/clock.hpp"
+#include "lc/downlink_frame.hpp"
 #include "sm/update_helper.hpp"
 
 namespace VYRCam {
@@ -30,7 +31,6 @@ namespace Updater::Helpers {
 
 class Tallyvane : public UpdateHelper {
  public:
-  static constexpr const char* kDefaultDevicePath = "/dev/arm-tallyvane-data";
   // Channel code of every packet handed to Send_Dl_Us_Raw.
   static constexpr int kDownlinkChannel = 5;
   static constexpr int kMaxPacketSize = 64;
@@ -56,7 +56,9 @@ class Tallyvane : public UpdateHelper {
     int lastAckedBlock;
   };
 
-  explicit Tallyvane(std::string devicePath = kDefaultDevicePath,
+  // The data device defaults to the platform's ($QUORVEX_TALLYVANE_DATA or
+  // /dev/arm-tallyvane-data), looked up once, here.
+  explicit Tallyvane(std::string devicePath = lc::DataDevicePath(),
                      Updater::Clock& clock = Updater::SystemClock());
   // Frees what the helper owns; the device stays as RunReader() left it and
   // nothing is sent.
@@ -87,7 +89,9 @@ class Tallyvane : public UpdateHelper {
   // Takes the bytes of one read() and parses them. RunReader() feeds every
   // non-empty read through here.
   void Receive(const std::uint8_t* data, std::size_t count);
-  // Cuts rxBuffer into frames and dispatches them.
+  // Cuts rxBuffer into frames and dispatches them. After a frame that does
+  // not unpack, bytes are given up one at a time (each shown, then "CHOKE")
+  // until the rest starts with the sync bytes; nothing else is unpacked.
   void ProcessReceived();
   void DumpReceived(const std::uint8_t* data, int count);
 
