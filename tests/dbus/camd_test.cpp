@@ -42,22 +42,19 @@ TEST(CamdMethodTable, MatchesTheDocumentedInterface) {
   EXPECT_EQ(row, Camd::kMethods.size());
 }
 
-// Within a second only the line that completes the transfer goes out, and only once.
-TEST(ProgressNotifier, AtMostOneLineASecondButTheCompleteOneAlways) {
-  TempDir dir;
-  NotifySocket notify(dir / "notify");
-  FakeClock clock;
-  setenv("NOTIFY_SOCKET", notify.path.c_str(), 1);
-  ProgressNotifier progress("camera 7", clock);
-  progress.Report(10, 200), clock.Advance(999ms), progress.Report(20, 200), clock.Advance(1ms), progress.Report(30, 200);
-  progress.Report(200, 200), progress.Report(200, 200);
-  unsetenv("NOTIFY_SOCKET");
-  EXPECT_EQ(notify.Take(), (std::vector<std::string>{"STATUS=camera 7: 10/200 bytes (5%)",
-            "STATUS=camera 7: 30/200 bytes (15%)", "STATUS=camera 7: 200/200 bytes (100%)"}));
-}
-
-TEST_F(CamdTest, ResultsArgumentTypesAndRetries) {
-  StartSim({"--version=7", "--region=3", "--error=GetFlashRegion@1-4", "--error=GetCameraFirmwareVersion@1-5"});
+// Five tries for a call that fails, none for a reply of the wrong type; the index text as typed.
+TEST_F(CamdTest, CallsTriesAndReplyTypes) {
+  StartSim({"--camera=0", "--camera=12", "--camera=03", "--version=7", "--region=3", "--error=GetFlashRegion@1-4",
+            "--error=GetCameraFirmwareVersion@1-5"});
+  // Alone in its process (ctest) the first is the first bring-up; in one binary with the others it may not be.
+  const bool before = Dbus::Initialized();
+  for (const std::string index : {"0", "12", "03"}) {
+    std::unique_ptr<Helpers::VyrCamera> c;
+    EXPECT_EQ(Capture([&] { c = std::make_unique<Helpers::VyrCamera>(index, clock_); }).out,
+              index == "0" && !before ? "Initializing dbus-cxx\n" : "dbus-cxx already initialized\n");
+    EXPECT_EQ(c->Proxy().Path(), "/com/quorvex/common/Camd1/Camera" + index);
+    EXPECT_TRUE(c->Proxy().SendUpdateAvailable(4, 0, 0)) << index;  // camd answers there
+  }
   Helpers::VyrCamera camera("0", clock_);
   auto& camd = camera.Proxy();
   int version = 0, chunks = -1, region = 0;
@@ -74,15 +71,29 @@ TEST_F(CamdTest, ResultsArgumentTypesAndRetries) {
   // No sixth try: the next operation's single call is camd's sixth.
   EXPECT_EQ(camd.GetCameraFirmwareVersion(), 7);
   EXPECT_EQ(SimCalls("GetCameraFirmwareVersion"), 6u);
-
   // camd-sim registers `iii` and `iay`; the bus refuses a body of other types.
   EXPECT_TRUE(camd.SendUpdateAvailable(5, 0xFFFF, 0) && camd.SendUpdateAvailable(-2, 0, 2147483647) &&
               camd.SendFirmwareBlock(0, {}) && camd.SendFirmwareBlock(-1, {0x00, 0xff, 0x80}));
-  const std::string log = sim_->Log();
   for (const char* line : {"SendUpdateAvailable version=5 checksum=65535 length=0 -> true",
                            "SendUpdateAvailable version=-2 checksum=0 length=2147483647 -> true",
                            "SendFirmwareBlock position=0 bytes=0 -> true", "SendFirmwareBlock position=-1 bytes=3 -> true"})
-    EXPECT_EQ(CountOf(log, line), 1u) << line;
+    EXPECT_EQ(CountOf(sim_->Log(), line), 1u) << line;
+
+  StartSim({"--wrong-type=GetFlashRegion", "--wrong-type=UpdateInfoReceived", "--wrong-type=SendFirmwareBlock",
+            "--wrong-type=GetFirstUpdateBlock", "--wrong-type=WaitForAck"});
+  const std::vector<std::pair<std::string, std::function<void()>>> calls = {
+      {"GetFlashRegion", [&] { camd.GetFlashRegion(); }},  // b where i belongs
+      {"UpdateInfoReceived", [&] { camd.UpdateInfoReceived(); }},  // i where b belongs
+      {"SendFirmwareBlock", [&] { camd.SendFirmwareBlock(0, {7}); }},
+      {"GetFirstUpdateBlock", [&] { camd.GetFirstUpdateBlock(); }}, {"WaitForAck", [&] { camd.WaitForAck(); }}};
+  for (const auto& [name, call] : calls) {
+    std::string what;  // a std::exception: inside the machine it reaches the exception hook
+    const auto err = Capture([&, &call = call] { try { call(); } catch (const Dbus::ReplyTypeMismatch& e) { what = e.what(); } }).err;
+    EXPECT_THAT(what, ::testing::HasSubstr(name));
+    EXPECT_EQ(CountOf(err, "Dbus::Error: "), 0u) << err;
+    EXPECT_EQ(SimCalls(name), 1u) << name;
+  }
+  EXPECT_EQ(SimCalls("DequeuePacket"), 0u);
 }
 
 // camd absent, an index the library refuses as a path element, a bus that cannot
@@ -103,15 +114,15 @@ TEST_F(CamdTest, UnreachableCamdFailsEveryCallAfterFiveTries) {
     FakeClock clock;
     Helpers::VyrCamera camera(row.index, clock);
     auto& camd = camera.Proxy();
-    const std::vector<std::pair<long, std::function<long()>>> calls = {
-        {-1, [&] { return camd.GetCameraFirmwareVersion(); }}, {-1, [&] { return camd.GetPreviouslyDownloadedChunks(); }},
-        {-1, [&] { return camd.GetFlashRegion(); }}, {-1, [&] { return camd.GetNextFirmwareBlock(); }},
-        {0, [&] { return camd.SendUpdateAvailable(1, 2, 3); }}, {0, [&] { return camd.UpdateInfoReceived(); }},
-        {0, [&] { return camd.SendFirmwareBlock(0, {1, 2}); }}};
-    for (const auto& [failure, call] : calls) {
+    const std::function<long()> calls[] = {  // the first four fail with -1, the others with false
+        [&] { return camd.GetCameraFirmwareVersion(); }, [&] { return camd.GetPreviouslyDownloadedChunks(); },
+        [&] { return camd.GetFlashRegion(); }, [&] { return camd.GetNextFirmwareBlock(); },
+        [&] { return camd.SendUpdateAvailable(1, 2, 3); }, [&] { return camd.UpdateInfoReceived(); },
+        [&] { return camd.SendFirmwareBlock(0, {1, 2}); }};
+    for (const auto& call : calls) {
       long result = 42;
-      const auto err = Capture([&, &call = call] { result = call(); }).err;
-      EXPECT_EQ(result, failure);
+      const auto err = Capture([&] { result = call(); }).err;
+      EXPECT_EQ(result, &call - calls < 4 ? -1 : 0);
       EXPECT_EQ(CountOf(err, "Dbus::Error: "), 5u) << err;
       EXPECT_EQ(CountOf(err, "Dbus::Error: " + row.error), 5u) << err;
     }
@@ -128,50 +139,11 @@ TEST_F(CamdTest, UnreachableCamdFailsEveryCallAfterFiveTries) {
   }
 }
 
-TEST_F(CamdTest, WrongReplyTypeEscapesOnTheFirstTry) {
-  StartSim({"--wrong-type=GetFlashRegion", "--wrong-type=UpdateInfoReceived", "--wrong-type=SendFirmwareBlock",
-            "--wrong-type=GetFirstUpdateBlock", "--wrong-type=WaitForAck"});
-  Helpers::VyrCamera camera("0", clock_);
-  auto& camd = camera.Proxy();
-  const std::vector<std::pair<std::string, std::function<void()>>> calls = {
-      {"GetFlashRegion", [&] { camd.GetFlashRegion(); }},  // b where i belongs
-      {"UpdateInfoReceived", [&] { camd.UpdateInfoReceived(); }},  // i where b belongs
-      {"SendFirmwareBlock", [&] { camd.SendFirmwareBlock(0, {7}); }},
-      {"GetFirstUpdateBlock", [&] { camd.GetFirstUpdateBlock(); }}, {"WaitForAck", [&] { camd.WaitForAck(); }}};
-  for (const auto& [name, call] : calls) {
-    std::string what;  // a std::exception: inside the machine it reaches the exception hook
-    const auto err = Capture([&, &call = call] {
-      try { call(); } catch (const Dbus::ReplyTypeMismatch& e) { what = e.what(); }
-    }).err;
-    EXPECT_NE(what.find(name), std::string::npos) << name << ": " << what;
-    EXPECT_EQ(CountOf(err, "Dbus::Error: "), 0u) << err;
-    EXPECT_EQ(SimCalls(name), 1u) << name;
-  }
-  EXPECT_EQ(SimCalls("DequeuePacket"), 0u);
-}
-
-TEST_F(CamdTest, ClientsInOneProcessKeepTheIndexTextAsTyped) {
-  StartSim({"--camera=0", "--camera=12", "--camera=03", "--version=4"});
-  // Alone in its process (ctest) the first is the first bring-up; in one binary with the others it may not be.
-  const bool before = Dbus::Initialized();
-  for (const std::string index : {"0", "12", "03"}) {
-    std::unique_ptr<Helpers::VyrCamera> camera;
-    const auto run = Capture([&] { camera = std::make_unique<Helpers::VyrCamera>(index, clock_); });
-    EXPECT_EQ(run.out, index == "0" && !before ? "Initializing dbus-cxx\n" : "dbus-cxx already initialized\n");
-    EXPECT_EQ(camera->Proxy().Path(), "/com/quorvex/common/Camd1/Camera" + index);
-    EXPECT_EQ(camera->Proxy().GetCameraFirmwareVersion(), 4) << index;
-  }
-}
-
 TEST_F(CamdTest, AckWaitAdaptsThePacketSize) {
-  const std::string lost = "Caught ACK timeout! Still waiting...\n";
-  const std::string drop = "camd ACK status: 1\n********************* Dropping packet size to [";
-  const struct {
-    std::vector<std::string> sim;
-    int size, status;
-    std::string out, err;  // out: after "camd waiting for ACK!\n"
-    int endSize, polls, dequeues, sleeps;
-  } rows[] = {
+  const std::string lost = "Caught ACK timeout! Still waiting...\n", injected = "Exception caught: [com.quorvex.common.Camd1."
+      "Error.Injected] injected failure of WaitForAck\n", drop = "camd ACK status: 1\n********************* Dropping packet size to [";
+  // out: after "camd waiting for ACK!\n"
+  const struct { std::vector<std::string> sim; int size, status; std::string out, err; int endSize, polls, dequeues, sleeps; } rows[] = {
       {{"--lose-acks=1-10"}, 64, 1, drop + "32]\n", lost, 32, 10, 1, 10},
       {{"--lose-acks=1-10"}, 2, 1, drop + "1]\n", lost, 1, 10, 1, 10},
       {{"--lose-acks=1-10"}, 1, 1, drop + "1]\n", lost, 1, 10, 1, 10},  // the floor holds
@@ -179,11 +151,9 @@ TEST_F(CamdTest, AckWaitAdaptsThePacketSize) {
       // Not a halving of 64 but below the ceiling: it doubles past 64.
       {{}, 63, 0, "camd ACK status: 0\nBumping packet size to [126]\n", "", 126, 1, 0, 0},
       {{"--ack-status=1-:5"}, 64, 5, "camd ACK status: 5\n", "", 64, 10, 0, 10},
-      {{"--error=WaitForAck@1"}, 64, 1, "Exception caught: [com.quorvex.common.Camd1.Error.Injected] injected "
-       "failure of WaitForAck\n" + drop + "32]\n", lost, 32, 1, 1, 0},
+      {{"--error=WaitForAck@1"}, 64, 1, injected + drop + "32]\n", lost, 32, 1, 1, 0},
       // Once camd has said the image is complete, a later error cannot make it a loss.
-      {{"--ack-status=1:3", "--error=WaitForAck@2"}, 64, 3, "Exception caught: [com.quorvex.common.Camd1.Error.Injected] "
-       "injected failure of WaitForAck\ncamd ACK status: 3\n", "", 64, 2, 0, 1},
+      {{"--ack-status=1:3", "--error=WaitForAck@2"}, 64, 3, injected + "camd ACK status: 3\n", "", 64, 2, 0, 1},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.out);
@@ -207,12 +177,59 @@ TEST_F(CamdTest, AckWaitAdaptsThePacketSize) {
   }
 }
 
-TEST_F(CamdTest, PollsAndTheChecksumOfALargeImage) {
-  StartSim({"--first=-1", "--error=GetFirstUpdateBlock@13", "--info-false=101", "--version=1"});
-  const auto image = RandomBytes(3 * 65536 + 1234, 42);  // several checksum pieces, ending mid-piece
-  AddPackage(2, image);
+// What the update check decides and announces, and the stall limit on the check and on the block loop.
+TEST_F(CamdTest, UpdateCheckAndStallLimit) {
+  ASSERT_EQ(ReferenceCrc({'1', '2', '3', '4', '5', '6', '7', '8', '9'}), 0x29b1u);  // the catalogue check value
+  const auto large = RandomBytes(3 * 65536 + 1234, 42);  // several checksum pieces, ending mid-piece
+  const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- ", reset = "\033[0m\n";
+  const struct {
+    std::vector<std::string> sim;
+    std::uintmax_t imageBytes;  // past the large image: sparse
+    const char* stallSeconds;
+    int update;
+    std::string out;  // found on standard output
+    std::size_t infoPolls, sends;  // sends: of a block loop after the check, when any
+    std::chrono::milliseconds slept;
+  } rows[] = {
+      {{"--version=2"}, 100, nullptr, 0, "File version: 2\nAsking camd for firmware version\nCam version: 2\n", 1, 0, 0s},
+      {{"--version=-1"}, 100, nullptr, 1, "Cam version: -1\nChecksum:", 1, 0, 0s},  // a real -1 is older
+      {{"--version=5", "--error=GetCameraFirmwareVersion@1-5"}, 100, nullptr, 0,
+       "Cam version: 5\n" + red + "The camera's firmware version could not be read, so the camera is not updated" + reset, 1, 0, 0s},
+      {{}, 1ull << 31, nullptr, 0, "] is 2147483648 bytes, more than camd can address; not updating" + reset, 1, 0, 0s},
+      // The 102nd and last answer about the update info still counts.
+      {{"--info-false=101"}, large.size(), nullptr, 1, "\nChecksum:" + Hex(ReferenceCrc(large)) +
+       "\nThis file [304d2] contains [304d2] chunks of [40]\n", 102, 0, 101 * 100ms},
+      {{"--info-false=forever"}, 100, "5", 0, "", 50, 0, 5s},  // 50 polls of 100 ms
+      // Every chunk lost: three rounds of ten polls (2 s each) pass a 5 s limit.
+      {{"--loss-rate=1"}, 1000, "5", 1, red + "No progress for 6 s, at block [0]; giving up the update" + reset, 1, 3, 6s},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.out);
+    StartSim(row.sim);
+    std::filesystem::resize_file(AddPackage(2, row.imageBytes == large.size() ? large : RandomBytes(1000, 3)), row.imageBytes);
+    row.stallSeconds ? setenv("QUORVEX_STALL_SECONDS", row.stallSeconds, 1) : unsetenv("QUORVEX_STALL_SECONDS");
+    FakeClock clock;
+    Helpers::VyrCamera camera("0", clock);
+    int update = -1, sends = 0;
+    const auto run = Capture([&] {
+      update = camera.CheckForUpdate();
+      for (int block = camera.GetFirstUpdateBlock(); row.sends && camera.SendFirmwareBlock(block); ++sends) camera.WaitForAck(0);
+    });
+    EXPECT_EQ(update, row.update);
+    EXPECT_THAT(run.out, ::testing::HasSubstr(row.out));
+    EXPECT_EQ(SimCalls("UpdateInfoReceived"), row.infoPolls);
+    EXPECT_EQ(SimCalls("SendUpdateAvailable"), static_cast<std::size_t>(row.update));
+    EXPECT_EQ(sends, static_cast<int>(row.sends));
+    EXPECT_EQ(clock.Slept(), row.slept);
+  }
+  unsetenv("QUORVEX_STALL_SECONDS");
+}
+
+TEST_F(CamdTest, FirstBlockAndBlockReadsAtTheEdgesOfTheFile) {
+  StartSim({"--first=-1", "--error=GetFirstUpdateBlock@13"});
+  AddPackage(2, RandomBytes(1000, 7));
   Helpers::VyrCamera camera("0", clock_);
-  int first = 0, update = 0;
+  int first = 0;
   EXPECT_EQ(Capture([&] { first = camera.GetFirstUpdateBlock(); }).out, "Asking camd for first update block (really)\n");
   EXPECT_EQ(first, -1);
   EXPECT_EQ(SimCalls("GetFirstUpdateBlock"), 10u);
@@ -222,85 +239,15 @@ TEST_F(CamdTest, PollsAndTheChecksumOfALargeImage) {
   EXPECT_EQ(first, -1);
   EXPECT_EQ(SimCalls("GetFirstUpdateBlock"), 13u);
   EXPECT_EQ(clock_.Slept(), 2s + 2 * 200ms);
-
-  // The 102nd and last answer about the update info still counts.
-  const auto run = Capture([&] { update = camera.CheckForUpdate(); });
-  EXPECT_EQ(update, 1);
-  EXPECT_EQ(SimCalls("UpdateInfoReceived"), 102u);
-  EXPECT_EQ(clock_.Slept(), 2s + 2 * 200ms + 101 * 100ms);
-  ASSERT_EQ(ReferenceCrc({'1', '2', '3', '4', '5', '6', '7', '8', '9'}), 0x29b1u);  // the catalogue check value
-  const unsigned crc = ReferenceCrc(image), size = static_cast<unsigned>(image.size());
-  EXPECT_NE(run.out.find("\nChecksum:" + Hex(crc) + "\nThis file [" + Hex(size) + "] contains [" + Hex(size) + "] chunks of [40]\n"),
-            std::string::npos) << run.out;
-  EXPECT_EQ(CountOf(sim_->Log(), "SendUpdateAvailable version=2 checksum=" + std::to_string(crc) +
-                                     " length=" + std::to_string(size) + " -> true"), 1u);
-  EXPECT_EQ(Capture([] { std::cout << 255 << std::endl; }).out, "ff\n");  // stdout stays hex
-}
-
-// What the update check refuses, and the stall limit on the check and on the block loop.
-TEST_F(CamdTest, SafetyLimits) {
-  const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- ", reset = "\033[0m\n";
-  const struct {
-    std::vector<std::string> sim;
-    std::uintmax_t imageBytes;
-    const char* stallSeconds;
-    int update;
-    std::string out;  // found on standard output
-    std::size_t infoPolls;
-  } rows[] = {
-      {{"--version=2"}, 100, nullptr, 0, "File version: 2\nAsking camd for firmware version\nCam version: 2\n", 1},
-      {{"--version=-1"}, 100, nullptr, 1, "Cam version: -1\nChecksum:", 1},  // a real -1 is older
-      {{"--version=5", "--error=GetCameraFirmwareVersion@1-5"}, 100, nullptr, 0,
-       "Cam version: 5\n" + red + "The camera's firmware version could not be read, so the camera is not updated" + reset, 1},
-      {{}, 1ull << 31, nullptr, 0, "] is 2147483648 bytes, more than camd can address; not updating" + reset, 1},
-      {{"--info-false=forever"}, 100, "5", 0, "", 50},  // 50 polls of 100 ms
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.out);
-    StartSim(row.sim);
-    std::filesystem::resize_file(AddPackage(2, {1, 2, 3}), row.imageBytes);  // sparse when large
-    row.stallSeconds ? setenv("QUORVEX_STALL_SECONDS", row.stallSeconds, 1) : unsetenv("QUORVEX_STALL_SECONDS");
-    FakeClock clock;
-    Helpers::VyrCamera camera("0", clock);
-    int update = -1;
-    const auto run = Capture([&] { update = camera.CheckForUpdate(); });
-    EXPECT_EQ(update, row.update);
-    EXPECT_NE(run.out.find(row.out), std::string::npos) << run.out;
-    EXPECT_EQ(SimCalls("UpdateInfoReceived"), row.infoPolls);
-    EXPECT_EQ(SimCalls("SendUpdateAvailable"), static_cast<std::size_t>(row.update));
-    EXPECT_EQ(clock.Slept(), row.infoPolls > 1 ? 5s : 0s);
-  }
-
-  // Every chunk lost: three rounds of ten polls (2 s each) pass a 5 s limit.
-  StartSim({"--loss-rate=1"});
-  AddPackage(2, RandomBytes(1000, 3));
-  setenv("QUORVEX_STALL_SECONDS", "5", 1);
-  Helpers::VyrCamera camera("0", clock_);
-  unsetenv("QUORVEX_STALL_SECONDS");
-  int sends = 0;
-  const auto run = Capture([&] {
-    camera.CheckForUpdate();
-    for (int block = camera.GetFirstUpdateBlock(); camera.SendFirmwareBlock(block); ++sends) camera.WaitForAck(0);
-  });
-  EXPECT_EQ(sends, 3);
-  EXPECT_THAT(run.out, ::testing::EndsWith(red + "No progress for 6 s, at block [0]; giving up the update" + reset));
-}
-
-TEST_F(CamdTest, BlockReadsAtTheEdgesOfTheFile) {
   StartSim({});
-  AddPackage(2, RandomBytes(1000, 7));
-  Helpers::VyrCamera camera("0", clock_);
   Capture([&] { EXPECT_EQ(camera.CheckForUpdate(), 1); });
   // Position 0 is a real answer: one call, no pause.
   Capture([&] { EXPECT_EQ(camera.GetFirstUpdateBlock(), 0); });
   EXPECT_EQ(SimCalls("GetFirstUpdateBlock"), 1u);
-  EXPECT_EQ(clock_.Sleeps(), 0);
-  const std::string past = "extends past file (length [1000]), this should be the last chunk!\n";
-  const std::string shortRead = "Couldn't read full [64] bytes into chunk, only read [";
-  const struct {
-    int block, packet, result, sent;  // sent: bytes camd receives, or -1
-    std::string out, err;
-  } rows[] = {
+  EXPECT_EQ(clock_.Slept(), 2s + 2 * 200ms);
+  const std::string past = "extends past file (length [1000]), this should be the last chunk!\n",
+                    shortRead = "Couldn't read full [64] bytes into chunk, only read [";
+  const struct { int block, packet, result, sent; std::string out, err; } rows[] = {  // sent: bytes camd receives, or -1
       {960, 64, 1, 40, "This block: [3c0], blockSize: [40]\n", "Chunk #[960] " + past + shortRead + "40] bytes.\n"},
       {1000, 64, 1, 0, "This block: [3e8], blockSize: [40]\n", "Chunk #[1000] " + past + shortRead + "0] bytes.\n"},
       {1001, 64, 0, -1, "This block: [3e9], blockSize: [40]\n",
@@ -324,27 +271,17 @@ TEST_F(CamdTest, BlockReadsAtTheEdgesOfTheFile) {
   }
 }
 
-// Lends the machine a camera, with something done between the update check and the first block.
-struct AfterCheck : Helpers::UpdateHelper {
-  AfterCheck(Helpers::UpdateHelper& h, std::function<void()> f) : inner(h), then(std::move(f)) {}
-  int CheckForUpdate() override { const int r = inner.CheckForUpdate(); return then(), r; }
-  bool HaveUpdateFile() override { return inner.HaveUpdateFile(); }
-  int GetFirstUpdateBlock() override { return inner.GetFirstUpdateBlock(); }
-  int SendFirmwareBlock(int block) override { return inner.SendFirmwareBlock(block); }
-  int WaitForAck(unsigned block) override { return inner.WaitForAck(block); }
-  int GetNextFirmwareBlock() override { return inner.GetNextFirmwareBlock(); }
-  Helpers::UpdateHelper& inner;
-  std::function<void()> then;
+// A package manager renames a new image over the file right after the update check.
+struct ReplacedAfterCheck : Helpers::VyrCamera {
+  using VyrCamera::VyrCamera;
+  int CheckForUpdate() override { const int r = VyrCamera::CheckForUpdate(); return replace(), r; }
+  std::function<void()> replace;
 };
 
 TEST_F(CamdTest, WholeUpdatesArriveIntact) {
   constexpr std::size_t kAny = SIZE_MAX;
-  const struct {
-    std::size_t length;
-    std::vector<std::string> sim, has;  // has: in what the updater or camd-sim wrote
-    std::size_t dequeues, sends;
-    bool replaceImage = false;  // a package manager renames a new image over the file after the check
-  } rows[] = {
+  // has: in what the updater or camd-sim wrote
+  const struct { std::size_t length; std::vector<std::string> sim, has; std::size_t dequeues, sends; bool replaceImage = false; } rows[] = {
       {0, {}, {"Checksum:ffff\nThis file [0] contains [0] chunks of [40]\n", "position=0 bytes=0 -> true"}, 0, 1},
       // Ten lost answers for the second chunk: dropped, resent at half size, grown back.
       {700, {"--lose-acks=2-11"},
@@ -370,15 +307,11 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
       if (arg == "--preload=") arg += path;  // camd holds the image up to the position it names
     args.push_back("--out=" + OutPath());
     StartSim(args);
-    Helpers::VyrCamera camera("0", clock_);
-    AfterCheck helper(camera, [&] {
-      if (!row.replaceImage) return;
-      std::ofstream(path + ".new", std::ios::binary) << std::string(row.length, 'x');
-      std::filesystem::rename(path + ".new", path);
-    });
+    ReplacedAfterCheck camera("0", clock_);
+    camera.replace = [&] { if (row.replaceImage) std::filesystem::rename(WriteFile(path + ".new", std::vector<unsigned char>(row.length, 'x')), path); };
     const auto run = Capture([&] {
       SM::UpdateMachine machine;  // as main runs it
-      machine.SetHelper(&helper);
+      machine.SetHelper(&camera);
       machine.start();
     });
     for (const auto& text : row.has) EXPECT_NE((run.out + sim_->Log()).find(text), std::string::npos) << text;
@@ -397,13 +330,17 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
       EXPECT_EQ(std::sscanf(line.c_str(), "STATUS=camera 0: %lld/%lld", &done, &total), 2) << line;
       EXPECT_EQ(line, "STATUS=camera 0: " + std::to_string(done) + "/" + std::to_string(total) + " bytes (" +
                           std::to_string(total ? done * 100 / total : 100) + "%)\nEXTEND_TIMEOUT_USEC=330000000");
-      EXPECT_GT(done, last);
-      last = done;
+      EXPECT_GT(done, std::exchange(last, done));
     }
-    EXPECT_EQ(total, static_cast<long long>(row.length));
-    EXPECT_EQ(done, total);
+    EXPECT_EQ(std::make_pair(done, total), std::make_pair(static_cast<long long>(row.length), static_cast<long long>(row.length)));
   }
+  // Within a second only the line that completes the transfer goes out, and only once.
+  ProgressNotifier progress("camera 7", clock_);
+  progress.Report(10, 200), clock_.Advance(999ms), progress.Report(20, 200), clock_.Advance(1ms), progress.Report(30, 200);
+  progress.Report(200, 200), progress.Report(200, 200);
   unsetenv("NOTIFY_SOCKET");
+  EXPECT_EQ(notify.Take(), (std::vector<std::string>{"STATUS=camera 7: 10/200 bytes (5%)",
+            "STATUS=camera 7: 30/200 bytes (15%)", "STATUS=camera 7: 200/200 bytes (100%)"}));
 }
 
 }  // namespace
