@@ -17,16 +17,13 @@ using ::testing::HasSubstr;
 
 // A copy of `from` at `path` while this lives; then what was there before, or nothing.
 struct SystemFile {
-  SystemFile(std::string at, const std::string& from) : path(std::move(at)) {
-    if (fs::exists(path)) fs::rename(path, path + ".fwu-test-saved"), saved = true;
+  SystemFile(std::string at, const std::string& from) : path(std::move(at)), saved(fs::exists(path)) {
+    if (saved) fs::rename(path, path + ".fwu-test-saved");
     fs::copy_file(from, path);
   }
-  ~SystemFile() {
-    std::error_code ignored;
-    saved ? fs::rename(path + ".fwu-test-saved", path, ignored) : (void)fs::remove(path, ignored);
-  }
+  ~SystemFile() { std::error_code ignored; saved ? fs::rename(path + ".fwu-test-saved", path, ignored) : (void)fs::remove(path, ignored); }
   std::string path;
-  bool saved = false;
+  bool saved;
 };
 
 using MenderTest = CamdBusTest;
@@ -40,19 +37,13 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
   SystemFile module("/usr/share/mender/modules/v3/camera-firmware", source + "camera-firmware");
   SystemFile artifactInfo("/etc/mender/artifact_info", bus_->Dir() + "/artifact_info");
   const auto image = RandomBytes(3000, 5);
-  const std::string imagePath = bus_->Dir() + "/image.bin";
-  std::ofstream(imagePath, std::ios::binary).write(reinterpret_cast<const char*>(image.data()), 3000);
+  const std::string imagePath = WriteFile(bus_->Dir() + "/image.bin", image);
   // Reaches the module and through it the updater.
   ProcessOptions env;
   env.env = {{"PATH", fs::path(FWU_UPDATER_BIN).parent_path().string() + ":" + std::getenv("PATH")},
              {"QUORVEX_LOCK_DIR", bus_->Dir()}};
 
-  const struct {
-    std::vector<std::string> sim, cameras;  // sim empty: camd absent
-    std::string deviceType;
-    int status;
-    std::string logHas;
-  } rows[] = {
+  const struct { std::vector<std::string> sim, cameras; std::string deviceType; int status; std::string logHas; } rows[] = {
       {{"--camera=0", "--camera=03"}, {"0", "03"}, "camera-box", 0, "doesn't support rollback. Committing immediately."},
       {{"--fail-send=3"}, {"0"}, "camera-box", 1, "camera-firmware: camera 0: firmware-updater exited with status 255"},
       // The updater gives up after about 10 s and exits 0; the version check fails the install.
@@ -62,10 +53,9 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.logHas);
     fs::remove_all(fwDir_), fs::create_directories(fwDir_);
-    sim_.reset();
     auto args = row.sim;
     args.insert(args.end(), {"--version=2", "--out=" + OutPath()});
-    if (!row.sim.empty()) StartSim(args);
+    row.sim.empty() ? sim_.reset() : StartSim(args);  // none: camd absent
     const std::string dir = bus_->Dir() + "/mender" + std::to_string(&row - rows), artifact = dir + "/a.mender";
     fs::create_directories(dir + "/data");
     std::ofstream(dir + "/data/device_type") << "device_type=camera-box\n";
