@@ -1,24 +1,29 @@
 // The camd client and the camera helper in process against camd-sim, on a fake clock (no real waits).
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <functional>
 
 #include "camd_fixture.hpp"
-#include "common/notify.hpp"
-#include "notify_socket.hpp"
-#include "temp_dir.hpp"
-#include "dbus/bus.hpp"
 #include "dbus/camd_methods.hpp"
 #include "dbus/errors.hpp"
 #include "helpers/camera/vyr_camera.hpp"
+#include "notify_socket.hpp"
 #include "sm/update_machine.hpp"
 
 namespace Updater::Testing {
 namespace {
 
 using namespace std::chrono_literals;
+using ::testing::HasSubstr;
 using CamdTest = CamdBusTest;
+// One call of every method that answers: the first seven are tried five times and then fail with `failure`.
+const struct { std::string name; long failure; std::function<long(Helpers::CamdDbusIface&)> call; } kCalls[] = {
+    {"GetCameraFirmwareVersion", -1, [](auto& c) { return c.GetCameraFirmwareVersion(); }},
+    {"GetPreviouslyDownloadedChunks", -1, [](auto& c) { return c.GetPreviouslyDownloadedChunks(); }},
+    {"GetFlashRegion", -1, [](auto& c) { return c.GetFlashRegion(); }},  // wrong type: b where i belongs
+    {"GetNextFirmwareBlock", -1, [](auto& c) { return c.GetNextFirmwareBlock(); }},
+    {"SendUpdateAvailable", 0, [](auto& c) { return c.SendUpdateAvailable(1, 2, 3); }},
+    {"UpdateInfoReceived", 0, [](auto& c) { return c.UpdateInfoReceived(); }},  // wrong type: i where b belongs
+    {"SendFirmwareBlock", 0, [](auto& c) { return c.SendFirmwareBlock(0, {1, 2}); }},
+    {"GetFirstUpdateBlock", 0, [](auto& c) { return c.GetFirstUpdateBlock(); }}, {"WaitForAck", 0, [](auto& c) { return c.WaitForAck(); }}};
 
 // The client and camd-sim both build their calls from the table, so only the
 // published interface can tell a wrong signature in it.
@@ -79,19 +84,15 @@ TEST_F(CamdTest, CallsTriesAndReplyTypes) {
                            "SendFirmwareBlock position=0 bytes=0 -> true", "SendFirmwareBlock position=-1 bytes=3 -> true"})
     EXPECT_EQ(CountOf(sim_->Log(), line), 1u) << line;
 
-  StartSim({"--wrong-type=GetFlashRegion", "--wrong-type=UpdateInfoReceived", "--wrong-type=SendFirmwareBlock",
-            "--wrong-type=GetFirstUpdateBlock", "--wrong-type=WaitForAck"});
-  const std::vector<std::pair<std::string, std::function<void()>>> calls = {
-      {"GetFlashRegion", [&] { camd.GetFlashRegion(); }},  // b where i belongs
-      {"UpdateInfoReceived", [&] { camd.UpdateInfoReceived(); }},  // i where b belongs
-      {"SendFirmwareBlock", [&] { camd.SendFirmwareBlock(0, {7}); }},
-      {"GetFirstUpdateBlock", [&] { camd.GetFirstUpdateBlock(); }}, {"WaitForAck", [&] { camd.WaitForAck(); }}};
-  for (const auto& [name, call] : calls) {
+  std::vector<std::string> wrong;
+  for (const auto& c : kCalls) wrong.push_back("--wrong-type=" + c.name);
+  StartSim(wrong);
+  for (const auto& c : kCalls) {
     std::string what;  // a std::exception: inside the machine it reaches the exception hook
-    const auto err = Capture([&, &call = call] { try { call(); } catch (const Dbus::ReplyTypeMismatch& e) { what = e.what(); } }).err;
-    EXPECT_THAT(what, ::testing::HasSubstr(name));
+    const auto err = Capture([&] { try { c.call(camd); } catch (const Dbus::ReplyTypeMismatch& e) { what = e.what(); } }).err;
+    EXPECT_THAT(what, HasSubstr(c.name));
     EXPECT_EQ(CountOf(err, "Dbus::Error: "), 0u) << err;
-    EXPECT_EQ(SimCalls(name), 1u) << name;
+    EXPECT_EQ(SimCalls(c.name), 1u) << c.name;
   }
   EXPECT_EQ(SimCalls("DequeuePacket"), 0u);
 }
@@ -99,10 +100,8 @@ TEST_F(CamdTest, CallsTriesAndReplyTypes) {
 // camd absent, an index the library refuses as a path element, a bus that cannot
 // be reached: each is a failed try of every call, never an abort.
 TEST_F(CamdTest, UnreachableCamdFailsEveryCallAfterFiveTries) {
-  const struct {
-    std::string index, address, error;
-    std::size_t noReplyErrors;  // of the three calls that expect no reply
-  } rows[] = {
+  // noReplyErrors: of the three calls that expect no reply
+  const struct { std::string index, address, error; std::size_t noReplyErrors; } rows[] = {
       {"0", "", "The name com.quorvex.common.Camd1 was not provided", 0},
       {"a-b", "", "Invalid object path '/com/quorvex/common/Camd1/Cameraa-b'", 15},
       {"0", "unix:path=/nonexistent/bus", "Failed to open bus (No such file or directory) at [unix:path=/nonexistent/bus]", 15},
@@ -114,15 +113,10 @@ TEST_F(CamdTest, UnreachableCamdFailsEveryCallAfterFiveTries) {
     FakeClock clock;
     Helpers::VyrCamera camera(row.index, clock);
     auto& camd = camera.Proxy();
-    const std::function<long()> calls[] = {  // the first four fail with -1, the others with false
-        [&] { return camd.GetCameraFirmwareVersion(); }, [&] { return camd.GetPreviouslyDownloadedChunks(); },
-        [&] { return camd.GetFlashRegion(); }, [&] { return camd.GetNextFirmwareBlock(); },
-        [&] { return camd.SendUpdateAvailable(1, 2, 3); }, [&] { return camd.UpdateInfoReceived(); },
-        [&] { return camd.SendFirmwareBlock(0, {1, 2}); }};
-    for (const auto& call : calls) {
+    for (std::size_t i = 0; i < 7; ++i) {
       long result = 42;
-      const auto err = Capture([&] { result = call(); }).err;
-      EXPECT_EQ(result, &call - calls < 4 ? -1 : 0);
+      const auto err = Capture([&] { result = kCalls[i].call(camd); }).err;
+      EXPECT_EQ(result, kCalls[i].failure);
       EXPECT_EQ(CountOf(err, "Dbus::Error: "), 5u) << err;
       EXPECT_EQ(CountOf(err, "Dbus::Error: " + row.error), 5u) << err;
     }
@@ -143,7 +137,7 @@ TEST_F(CamdTest, AckWaitAdaptsThePacketSize) {
   const std::string lost = "Caught ACK timeout! Still waiting...\n", injected = "Exception caught: [com.quorvex.common.Camd1."
       "Error.Injected] injected failure of WaitForAck\n", drop = "camd ACK status: 1\n********************* Dropping packet size to [";
   // out: after "camd waiting for ACK!\n"
-  const struct { std::vector<std::string> sim; int size, status; std::string out, err; int endSize, polls, dequeues, sleeps; } rows[] = {
+  const struct { std::vector<std::string> sim; int size, status; std::string out, err; int endSize; std::size_t polls, dequeues; long sleeps; } rows[] = {
       {{"--lose-acks=1-10"}, 64, 1, drop + "32]\n", lost, 32, 10, 1, 10},
       {{"--lose-acks=1-10"}, 2, 1, drop + "1]\n", lost, 1, 10, 1, 10},
       {{"--lose-acks=1-10"}, 1, 1, drop + "1]\n", lost, 1, 10, 1, 10},  // the floor holds
@@ -167,13 +161,10 @@ TEST_F(CamdTest, AckWaitAdaptsThePacketSize) {
     int status = -1;
     const auto run = Capture([&] { status = camera.WaitForAck(0); });
     camd.GetFlashRegion();  // answered, so camd has handled any DequeuePacket sent before it
-    EXPECT_EQ(status, row.status);
     EXPECT_EQ(run.out, "camd waiting for ACK!\n" + row.out);
     EXPECT_EQ(run.err, row.err);
-    EXPECT_EQ(camd.packetSize, row.endSize);
-    EXPECT_EQ(SimCalls("WaitForAck"), static_cast<std::size_t>(row.polls));
-    EXPECT_EQ(SimCalls("DequeuePacket"), static_cast<std::size_t>(row.dequeues));
-    EXPECT_EQ(clock.Slept(), row.sleeps * 200ms);
+    EXPECT_EQ(std::make_tuple(status, camd.packetSize, SimCalls("WaitForAck"), SimCalls("DequeuePacket"), clock.Slept() / 200ms),
+              std::make_tuple(row.status, row.endSize, row.polls, row.dequeues, row.sleeps));
   }
 }
 
@@ -182,15 +173,9 @@ TEST_F(CamdTest, UpdateCheckAndStallLimit) {
   ASSERT_EQ(ReferenceCrc({'1', '2', '3', '4', '5', '6', '7', '8', '9'}), 0x29b1u);  // the catalogue check value
   const auto large = RandomBytes(3 * 65536 + 1234, 42);  // several checksum pieces, ending mid-piece
   const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- ", reset = "\033[0m\n";
-  const struct {
-    std::vector<std::string> sim;
-    std::uintmax_t imageBytes;  // past the large image: sparse
-    const char* stallSeconds;
-    int update;
-    std::string out;  // found on standard output
-    std::size_t infoPolls, sends;  // sends: of a block loop after the check, when any
-    std::chrono::milliseconds slept;
-  } rows[] = {
+  // out: found on standard output; sends: of a block loop after the check, when any; images past the large one are sparse
+  const struct { std::vector<std::string> sim; std::uintmax_t imageBytes; const char* stallSeconds; int update; std::string out;
+                 std::size_t infoPolls, sends; std::chrono::milliseconds slept; } rows[] = {
       {{"--version=2"}, 100, nullptr, 0, "File version: 2\nAsking camd for firmware version\nCam version: 2\n", 1, 0, 0s},
       {{"--version=-1"}, 100, nullptr, 1, "Cam version: -1\nChecksum:", 1, 0, 0s},  // a real -1 is older
       {{"--version=5", "--error=GetCameraFirmwareVersion@1-5"}, 100, nullptr, 0,
@@ -210,17 +195,15 @@ TEST_F(CamdTest, UpdateCheckAndStallLimit) {
     row.stallSeconds ? setenv("QUORVEX_STALL_SECONDS", row.stallSeconds, 1) : unsetenv("QUORVEX_STALL_SECONDS");
     FakeClock clock;
     Helpers::VyrCamera camera("0", clock);
-    int update = -1, sends = 0;
+    int update = -1;
+    std::size_t sends = 0;
     const auto run = Capture([&] {
       update = camera.CheckForUpdate();
       for (int block = camera.GetFirstUpdateBlock(); row.sends && camera.SendFirmwareBlock(block); ++sends) camera.WaitForAck(0);
     });
-    EXPECT_EQ(update, row.update);
-    EXPECT_THAT(run.out, ::testing::HasSubstr(row.out));
-    EXPECT_EQ(SimCalls("UpdateInfoReceived"), row.infoPolls);
-    EXPECT_EQ(SimCalls("SendUpdateAvailable"), static_cast<std::size_t>(row.update));
-    EXPECT_EQ(sends, static_cast<int>(row.sends));
-    EXPECT_EQ(clock.Slept(), row.slept);
+    EXPECT_THAT(run.out, HasSubstr(row.out));
+    EXPECT_EQ(std::make_tuple(update, SimCalls("UpdateInfoReceived"), SimCalls("SendUpdateAvailable"), sends, clock.Slept() / 1ms),
+              std::make_tuple(row.update, row.infoPolls, std::size_t(row.update), row.sends, row.slept.count()));
   }
   unsetenv("QUORVEX_STALL_SECONDS");
 }
@@ -230,21 +213,16 @@ TEST_F(CamdTest, FirstBlockAndBlockReadsAtTheEdgesOfTheFile) {
   AddPackage(2, RandomBytes(1000, 7));
   Helpers::VyrCamera camera("0", clock_);
   int first = 0;
+  const auto firstBlock = [&] { return std::make_tuple(first, SimCalls("GetFirstUpdateBlock"), clock_.Slept() / 1ms); };
   EXPECT_EQ(Capture([&] { first = camera.GetFirstUpdateBlock(); }).out, "Asking camd for first update block (really)\n");
-  EXPECT_EQ(first, -1);
-  EXPECT_EQ(SimCalls("GetFirstUpdateBlock"), 10u);
-  EXPECT_EQ(clock_.Slept(), 2s);
+  EXPECT_EQ(firstBlock(), std::make_tuple(-1, 10u, 2000l));
   // The third poll meets an error: the last answer, with no retry.
   EXPECT_EQ(Capture([&] { first = camera.GetFirstUpdateBlock(); }).err, "Dbus::Error: injected failure of GetFirstUpdateBlock\n");
-  EXPECT_EQ(first, -1);
-  EXPECT_EQ(SimCalls("GetFirstUpdateBlock"), 13u);
-  EXPECT_EQ(clock_.Slept(), 2s + 2 * 200ms);
+  EXPECT_EQ(firstBlock(), std::make_tuple(-1, 13u, 2400l));
   StartSim({});
   Capture([&] { EXPECT_EQ(camera.CheckForUpdate(), 1); });
-  // Position 0 is a real answer: one call, no pause.
-  Capture([&] { EXPECT_EQ(camera.GetFirstUpdateBlock(), 0); });
-  EXPECT_EQ(SimCalls("GetFirstUpdateBlock"), 1u);
-  EXPECT_EQ(clock_.Slept(), 2s + 2 * 200ms);
+  Capture([&] { first = camera.GetFirstUpdateBlock(); });
+  EXPECT_EQ(firstBlock(), std::make_tuple(0, 1u, 2400l));  // position 0 is a real answer: one call, no pause
   const std::string past = "extends past file (length [1000]), this should be the last chunk!\n",
                     shortRead = "Couldn't read full [64] bytes into chunk, only read [";
   const struct { int block, packet, result, sent; std::string out, err; } rows[] = {  // sent: bytes camd receives, or -1
@@ -315,8 +293,8 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
       machine.start();
     });
     for (const auto& text : row.has) EXPECT_NE((run.out + sim_->Log()).find(text), std::string::npos) << text;
-    EXPECT_EQ(row.dequeues == kAny ? kAny : SimCalls("DequeuePacket"), row.dequeues);
-    EXPECT_EQ(row.sends == kAny ? kAny : SimCalls("SendFirmwareBlock"), row.sends);
+    EXPECT_EQ(std::make_pair(row.dequeues == kAny ? kAny : SimCalls("DequeuePacket"), row.sends == kAny ? kAny : SimCalls("SendFirmwareBlock")),
+              std::make_pair(row.dequeues, row.sends));
     EXPECT_EQ(ReadFile(OutPath()), image);
     EXPECT_NE(sim_->Out().find("VERDICT ok camera=0 bytes=" + std::to_string(row.length)), std::string::npos);
 

@@ -59,15 +59,12 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
     const std::string dir = bus_->Dir() + "/mender" + std::to_string(&row - rows), artifact = dir + "/a.mender";
     fs::create_directories(dir + "/data");
     std::ofstream(dir + "/data/device_type") << "device_type=camera-box\n";
-    std::vector<std::string> gen{"-n", "cam-fw-3", "-t", row.deviceType, "-o", artifact, "--version", "3", "--region", "0"};
-    for (const auto& camera : row.cameras) gen.insert(gen.end(), {"--camera", camera});
-    gen.push_back(imagePath);
+    std::vector<std::string> gen{"-n", "cam-fw-3", "-t", row.deviceType, "-o", artifact, "--version", "3", "--region", "0", imagePath};
+    for (const auto& camera : row.cameras) gen.insert(gen.end() - 1, {"--camera", camera});
     const auto built = RunProcess(source + "camera-firmware-artifact-gen", gen);
     ASSERT_EQ(built.exitStatus, 0) << built.err;
-
     const auto mender = [&](std::vector<std::string> args) {
-      args.insert(args.begin(), {"--no-syslog", "-d", dir + "/data"});
-      return RunProcess("/usr/bin/mender", args, env);
+      return args.insert(args.begin(), {"--no-syslog", "-d", dir + "/data"}), RunProcess("/usr/bin/mender", args, env);
     };
     const auto install = mender({"install", artifact});
     EXPECT_EQ(install.exitStatus, row.status) << install.err;
