@@ -1,5 +1,4 @@
-// firmware-updater camera <index> as a real process against camd-sim on a
-// private bus, in real time.
+// firmware-updater camera <index> as a real process against camd-sim on a private bus, in real time.
 #include <gmock/gmock.h>
 
 #include <csignal>
@@ -11,7 +10,6 @@
 namespace Updater::Testing {
 namespace {
 
-using ::testing::HasSubstr;
 using namespace std::chrono_literals;
 
 const std::string kYellow = "\033[0;33mfw-updater Debug: ", kReset = "\033[0m\n";
@@ -59,16 +57,15 @@ TEST_F(CameraEndToEndTest, WholeRuns) {
     EXPECT_EQ(std::make_tuple(r.exitStatus, r.termSignal, CountOf(r.err, "Dbus::Error")), std::make_tuple(row.status, row.signal, row.dbusErrors))
         << r.out << r.err;
     EXPECT_EQ(r.out.rfind(kYellow + "Update target selected as camera" + kReset + "Initializing dbus-cxx\nEntered: UpdateInit\n", 0), 0u);
-    for (const auto& text : row.has) EXPECT_THAT(r.out + r.err + (sim_ ? sim_->Out() : ""), HasSubstr(text));
+    for (const auto& text : row.has) EXPECT_THAT(r.out + r.err + (sim_ ? sim_->Out() : ""), ::testing::HasSubstr(text));
     EXPECT_THAT(r.out, ::testing::EndsWith(row.outTail));
     EXPECT_TRUE(r.elapsed < 30s && (r.elapsed >= 10s) == row.sim.empty()) << r.elapsed.count();
   }
 }
 
-// camd-sim ends at every call of a clean run in turn, and the bus daemon dies
-// during the check, mid-transfer and after the last chunk. Whatever happens,
-// the updater ends by itself with the designed status, an exit 0 after an
-// announced update means camd holds the image, and the next run delivers it.
+// camd-sim ends at every call of a clean run in turn, and the bus daemon dies during the check, mid-transfer
+// and after the last chunk. Whatever happens, the updater ends by itself with the designed status, an exit 0
+// after an announced update means camd holds the image, and the next run delivers it.
 TEST_F(CameraEndToEndTest, FaultMatrix) {
   auto image = RandomBytes(100, 21);  // two chunks
   AddPackage(3, image);
@@ -76,7 +73,7 @@ TEST_F(CameraEndToEndTest, FaultMatrix) {
   quick.env = {{"QUORVEX_STALL_SECONDS", "2"}};
   const auto check = [&](const std::string& trace, const ProcessResult& r, int status) {
     SCOPED_TRACE(trace);
-    EXPECT_EQ(std::make_pair(r.exitStatus, r.termSignal), std::make_pair(status, 0)) << r.out << r.err;
+    EXPECT_EQ(std::make_tuple(r.exitStatus, r.termSignal), std::make_tuple(status, 0)) << r.out << r.err;
     EXPECT_LT(r.elapsed, 15s);
     if (r.exitStatus == 0 && r.out.find("Checksum:") != std::string::npos) { EXPECT_EQ(ReadFile(OutPath()), image); }
     std::filesystem::remove(OutPath());
@@ -125,8 +122,7 @@ TEST_F(CameraEndToEndTest, FaultMatrix) {
   }
 }
 
-// Two runs for one camera at once, the second writing into a pipe nobody reads:
-// they take turns, and each delivers its own image whole.
+// Two runs for one camera at once, the second writing into a pipe nobody reads: they take turns, each delivering its own image.
 TEST_F(CameraEndToEndTest, RunsForOneCameraTakeTurns) {
   StartSim({"--out=" + OutPath()});
   const auto second = RandomBytes(900, 2);
@@ -143,7 +139,7 @@ TEST_F(CameraEndToEndTest, RunsForOneCameraTakeTurns) {
   one.join();
   const std::string waiting = "Waiting for another update of camera [0] to finish\n";
   EXPECT_EQ(CountOf(a.err + b.err, waiting), 1u) << a.err << b.err;
-  EXPECT_EQ(std::make_pair(a.exitStatus, b.exitStatus), std::make_pair(0, 0));  // no SIGPIPE
+  EXPECT_EQ(std::make_tuple(a.exitStatus, b.exitStatus), std::make_tuple(0, 0));  // no SIGPIPE
   // The newer image ends up in the camera either way; run after it, the older one finds nothing to do.
   EXPECT_EQ(CountOf(sim_->Out(), "VERDICT ok"), CountOf(b.err, waiting) ? 2u : 1u) << sim_->Out();
   EXPECT_EQ(ReadFile(OutPath()), second);

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/crc.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -34,24 +35,19 @@ inline std::vector<unsigned char> ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
 }
-// Returns the path.
-inline std::string WriteFile(const std::string& path, const std::vector<unsigned char>& bytes) {
+inline std::string WriteFile(const std::string& path, const std::vector<unsigned char>& bytes) {  // returns the path
   std::ofstream(path, std::ios::binary | std::ios::trunc)
       .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   return path;
 }
-// Bit by bit from the definition (poly 0x1021, init 0xFFFF, MSB first, no
-// reflection, no final XOR), independent of the code under test.
+// CRC-16/CCITT-FALSE spelled out here (poly 0x1021, init 0xFFFF, no reflection, no final XOR), not taken from the code under test.
 inline unsigned ReferenceCrc(const std::vector<unsigned char>& bytes) {
-  unsigned crc = 0xFFFF;
-  for (unsigned char byte : bytes) {
-    crc ^= static_cast<unsigned>(byte) << 8;
-    for (int bit = 0; bit < 8; ++bit) crc = ((crc << 1) ^ (crc & 0x8000 ? 0x1021 : 0)) & 0xFFFF;
-  }
-  return crc;
+  boost::crc_optimal<16, 0x1021, 0xFFFF, 0, false, false> crc;
+  return crc.process_bytes(bytes.data(), bytes.size()), crc.checksum();
 }
 inline std::string Hex(unsigned value) { char text[16]; std::snprintf(text, sizeof text, "%x", value); return text; }
 
+// What `f` wrote on standard output and error.
 struct Captured { std::string out, err; };
 template <class F> Captured Capture(F&& f) {
   ::testing::internal::CaptureStdout(), ::testing::internal::CaptureStderr();
@@ -76,9 +72,7 @@ class CamdBusTest : public ::testing::Test {
     sim_.reset(), sim_ = std::make_unique<CamdSimProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir());
   }
   // Calls of `method` that the simulator has answered so far.
-  std::size_t SimCalls(const std::string& method) const {
-    return CountOf(sim_->Log(), "]: " + method + " ") + CountOf(sim_->Log(), "]: " + method + "\n");
-  }
+  std::size_t SimCalls(const std::string& m) const { return CountOf(sim_->Log(), "]: " + m + " ") + CountOf(sim_->Log(), "]: " + m + "\n"); }
   // A camera package for region 0; returns its path.
   std::string AddPackage(int version, const std::vector<unsigned char>& bytes) {
     return WriteFile(fwDir_ + "/camera-region0-" + std::to_string(version) + ".bin", bytes);

@@ -12,7 +12,6 @@ namespace Updater::Testing {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::HasSubstr;
 using CamdTest = CamdBusTest;
 // One call of every method that answers: the first seven are tried five times and then fail with `failure`.
 const struct { std::string name; long failure; std::function<long(Helpers::CamdDbusIface&)> call; } kCalls[] = {
@@ -33,18 +32,16 @@ TEST(CamdMethodTable, MatchesTheDocumentedInterface) {
   ASSERT_NE(xml.find(std::string("<interface name=\"") + Camd::kInterface + "\">"), std::string::npos);
   // The attribute value whose opening quote is at `q`.
   const auto quoted = [](const std::string& text, std::size_t q) { return text.substr(q + 1, text.find('"', q + 1) - q - 1); };
-  std::size_t row = 0;
-  for (auto at = xml.find("<method name="); at != std::string::npos; at = xml.find("<method name=", at + 1), ++row) {
-    const std::string block = xml.substr(at, xml.find("</method>", at) - at), name = quoted(block, 13);
+  std::string documented, table;
+  for (auto at = xml.find("<method name="); at != std::string::npos; at = xml.find("<method name=", at + 1)) {
+    const std::string block = xml.substr(at, xml.find("</method>", at) - at);
     std::string sig[2];  // in, out
     for (auto t = block.find("type="); t != std::string::npos; t = block.find("type=", t + 1))
       sig[quoted(block, block.find("direction=", t) + 10) == "out"] += quoted(block, t + 5);
-    ASSERT_LT(row, Camd::kMethods.size()) << name;
-    const auto& method = Camd::kMethods[row];
-    EXPECT_EQ(name + "(" + sig[0] + ")" + sig[1] + (block.find("Method.NoReply") != std::string::npos ? " noreply" : ""),
-              method.name + ("(" + std::string(method.in) + ")") + method.out + (method.reply == Camd::Reply::None ? " noreply" : ""));
+    documented += quoted(block, 13) + "(" + sig[0] + ")" + sig[1] + (block.find("Method.NoReply") != std::string::npos ? " noreply\n" : "\n");
   }
-  EXPECT_EQ(row, Camd::kMethods.size());
+  for (const auto& m : Camd::kMethods) table += m.name + ("(" + std::string(m.in) + ")") + m.out + (m.reply == Camd::Reply::None ? " noreply\n" : "\n");
+  EXPECT_EQ(documented, table);
 }
 
 // Five tries for a call that fails, none for a reply of the wrong type; the index text as typed.
@@ -67,12 +64,10 @@ TEST_F(CamdTest, CallsTriesAndReplyTypes) {
     version = camd.GetCameraFirmwareVersion(), chunks = camd.GetPreviouslyDownloadedChunks(), region = camd.GetFlashRegion();
   });
   EXPECT_EQ(run.out, "Asking camd for firmware version\nAsking camd for downloaded chunks\n");
-  EXPECT_EQ(version, -1);  // five error replies: five tries
-  EXPECT_EQ(region, 3);    // four: the fifth try's answer
-  EXPECT_EQ(chunks, 0);
-  EXPECT_EQ(CountOf(run.err, "Dbus::Error: injected failure of GetCameraFirmwareVersion\n"), 5u) << run.err;
-  EXPECT_EQ(CountOf(run.err, "Dbus::Error: injected failure of GetFlashRegion\n"), 4u) << run.err;
-  EXPECT_EQ(CountOf(run.err, "Dbus::Error: "), 9u) << run.err;
+  EXPECT_EQ(std::make_tuple(version, region, chunks), std::make_tuple(-1, 3, 0));  // five error replies: five tries; four: the fifth's answer
+  const std::string injected = "Dbus::Error: injected failure of ";
+  EXPECT_EQ(std::make_tuple(CountOf(run.err, injected + "GetCameraFirmwareVersion\n"), CountOf(run.err, injected + "GetFlashRegion\n"),
+                            CountOf(run.err, "Dbus::Error: ")), std::make_tuple(5u, 4u, 9u)) << run.err;
   // No sixth try: the next operation's single call is camd's sixth.
   EXPECT_EQ(camd.GetCameraFirmwareVersion(), 7);
   EXPECT_EQ(SimCalls("GetCameraFirmwareVersion"), 6u);
@@ -90,9 +85,8 @@ TEST_F(CamdTest, CallsTriesAndReplyTypes) {
   for (const auto& c : kCalls) {
     std::string what;  // a std::exception: inside the machine it reaches the exception hook
     const auto err = Capture([&] { try { c.call(camd); } catch (const Dbus::ReplyTypeMismatch& e) { what = e.what(); } }).err;
-    EXPECT_THAT(what, HasSubstr(c.name));
-    EXPECT_EQ(CountOf(err, "Dbus::Error: "), 0u) << err;
-    EXPECT_EQ(SimCalls(c.name), 1u) << c.name;
+    EXPECT_THAT(what, ::testing::HasSubstr(c.name));
+    EXPECT_EQ(std::make_tuple(CountOf(err, "Dbus::Error: "), SimCalls(c.name)), std::make_tuple(0u, 1u)) << c.name << err;
   }
   EXPECT_EQ(SimCalls("DequeuePacket"), 0u);
 }
@@ -116,9 +110,8 @@ TEST_F(CamdTest, UnreachableCamdFailsEveryCallAfterFiveTries) {
     for (std::size_t i = 0; i < 7; ++i) {
       long result = 42;
       const auto err = Capture([&] { result = kCalls[i].call(camd); }).err;
-      EXPECT_EQ(result, kCalls[i].failure);
-      EXPECT_EQ(CountOf(err, "Dbus::Error: "), 5u) << err;
-      EXPECT_EQ(CountOf(err, "Dbus::Error: " + row.error), 5u) << err;
+      EXPECT_EQ(std::make_tuple(result, CountOf(err, "Dbus::Error: "), CountOf(err, "Dbus::Error: " + row.error)),
+                std::make_tuple(kCalls[i].failure, 5u, 5u)) << err;
     }
     // Nobody waits for an answer that is never asked for; only a local failure counts.
     const auto err = Capture([&] { camd.RequestUpdateInfo(), camd.ClearPendingUpdate(), camd.DequeuePacket(); }).err;
@@ -127,8 +120,7 @@ TEST_F(CamdTest, UnreachableCamdFailsEveryCallAfterFiveTries) {
     int update = -1;
     EXPECT_THAT(Capture([&] { update = camera.CheckForUpdate(); }).err,
                 ::testing::EndsWith("Error asking camd for update info status, not updating\n"));
-    EXPECT_EQ(update, 0);
-    EXPECT_EQ(clock.Slept(), 102 * 100ms);
+    EXPECT_EQ(std::make_tuple(update, clock.Slept() / 100ms), std::make_tuple(0, 102l));
     setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
   }
 }
@@ -201,7 +193,7 @@ TEST_F(CamdTest, UpdateCheckAndStallLimit) {
       update = camera.CheckForUpdate();
       for (int block = camera.GetFirstUpdateBlock(); row.sends && camera.SendFirmwareBlock(block); ++sends) camera.WaitForAck(0);
     });
-    EXPECT_THAT(run.out, HasSubstr(row.out));
+    EXPECT_THAT(run.out, ::testing::HasSubstr(row.out));
     EXPECT_EQ(std::make_tuple(update, SimCalls("UpdateInfoReceived"), SimCalls("SendUpdateAvailable"), sends, clock.Slept() / 1ms),
               std::make_tuple(row.update, row.infoPolls, std::size_t(row.update), row.sends, row.slept.count()));
   }
@@ -240,12 +232,11 @@ TEST_F(CamdTest, FirstBlockAndBlockReadsAtTheEdgesOfTheFile) {
     const std::size_t sentBefore = SimCalls("SendFirmwareBlock");
     int result = -1;
     const auto run = Capture([&] { result = camera.SendFirmwareBlock(row.block); });
-    EXPECT_EQ(result, row.result);
     EXPECT_EQ(run.out, row.out + (row.sent >= 0 ? "Sending camd firmware block\n" : ""));
     EXPECT_EQ(run.err, row.err);
-    EXPECT_EQ(SimCalls("SendFirmwareBlock") - sentBefore, row.sent >= 0 ? 1u : 0u);
     const std::string sent = "position=" + std::to_string(row.block) + " bytes=" + std::to_string(row.sent) + " -> true";
-    EXPECT_EQ(CountOf(sim_->Log(), sent), row.sent >= 0 ? 1u : 0u);
+    EXPECT_EQ(std::make_tuple(result, SimCalls("SendFirmwareBlock") - sentBefore, CountOf(sim_->Log(), sent)),
+              std::make_tuple(row.result, row.sent >= 0 ? 1u : 0u, row.sent >= 0 ? 1u : 0u));
   }
 }
 
@@ -281,8 +272,7 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
     const auto image = RandomBytes(row.length, 4);
     const std::string path = AddPackage(3, image);
     auto args = row.sim;
-    for (auto& arg : args)
-      if (arg == "--preload=") arg += path;  // camd holds the image up to the position it names
+    for (auto& arg : args) arg += arg == "--preload=" ? path : "";  // camd holds the image up to the position it names
     args.push_back("--out=" + OutPath());
     StartSim(args);
     ReplacedAfterCheck camera("0", clock_);
@@ -293,8 +283,8 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
       machine.start();
     });
     for (const auto& text : row.has) EXPECT_NE((run.out + sim_->Log()).find(text), std::string::npos) << text;
-    EXPECT_EQ(std::make_pair(row.dequeues == kAny ? kAny : SimCalls("DequeuePacket"), row.sends == kAny ? kAny : SimCalls("SendFirmwareBlock")),
-              std::make_pair(row.dequeues, row.sends));
+    EXPECT_EQ(std::make_tuple(row.dequeues == kAny ? kAny : SimCalls("DequeuePacket"), row.sends == kAny ? kAny : SimCalls("SendFirmwareBlock")),
+              std::make_tuple(row.dequeues, row.sends));
     EXPECT_EQ(ReadFile(OutPath()), image);
     EXPECT_NE(sim_->Out().find("VERDICT ok camera=0 bytes=" + std::to_string(row.length)), std::string::npos);
 
@@ -310,7 +300,7 @@ TEST_F(CamdTest, WholeUpdatesArriveIntact) {
                           std::to_string(total ? done * 100 / total : 100) + "%)\nEXTEND_TIMEOUT_USEC=330000000");
       EXPECT_GT(done, std::exchange(last, done));
     }
-    EXPECT_EQ(std::make_pair(done, total), std::make_pair(static_cast<long long>(row.length), static_cast<long long>(row.length)));
+    EXPECT_EQ(std::make_tuple(done, total), std::make_tuple(static_cast<long long>(row.length), static_cast<long long>(row.length)));
   }
   // Within a second only the line that completes the transfer goes out, and only once.
   ProgressNotifier progress("camera 7", clock_);

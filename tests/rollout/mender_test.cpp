@@ -1,8 +1,6 @@
-// The camera-firmware Update Module and its generator under the real Mender
-// client, standalone (no server), against camd-sim on a private bus. The
-// client reads modules only from /usr/share/mender/modules/v3 and, while its
-// database is empty, needs /etc/mender/artifact_info: the test puts both in
-// place and restores what was there before, however it ends.
+// The camera-firmware Update Module and its generator under the real Mender client, standalone (no server), against
+// camd-sim on a private bus. The client reads modules only from /usr/share/mender/modules/v3 and, while its database
+// is empty, needs /etc/mender/artifact_info: the test puts both in place and restores what was there before.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -13,7 +11,6 @@ namespace Updater::Testing {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::HasSubstr;
 
 // A copy of `from` at `path` while this lives; then what was there before, or nothing.
 struct SystemFile {
@@ -22,8 +19,7 @@ struct SystemFile {
     fs::copy_file(from, path);
   }
   ~SystemFile() { std::error_code ignored; saved ? fs::rename(path + ".fwu-test-saved", path, ignored) : (void)fs::remove(path, ignored); }
-  std::string path;
-  bool saved;
+  const std::string path; const bool saved;
 };
 
 using MenderTest = CamdBusTest;
@@ -68,7 +64,7 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
     };
     const auto install = mender({"install", artifact});
     EXPECT_EQ(install.exitStatus, row.status) << install.err;
-    EXPECT_THAT(install.out + install.err, HasSubstr(row.logHas));
+    EXPECT_THAT(install.out + install.err, ::testing::HasSubstr(row.logHas));
     // Nothing to commit: a module without rollback is committed at once, and a failed install has nothing.
     EXPECT_EQ(mender({"commit"}).exitStatus, 2);
     EXPECT_EQ(mender({"show-artifact"}).out == "cam-fw-3\n", row.status == 0);
