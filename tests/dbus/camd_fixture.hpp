@@ -71,8 +71,9 @@ class CamdBusTest : public ::testing::Test {
   void StartSim(const std::vector<std::string>& args) {  // the service name is free before the next one asks for it
     sim_.reset(), sim_ = std::make_unique<CamdSimProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir());
   }
-  // Calls of `method` that the simulator has answered so far.
-  std::size_t SimCalls(const std::string& m) const { return CountOf(sim_->Log(), "]: " + m + " ") + CountOf(sim_->Log(), "]: " + m + "\n"); }
+  std::size_t SimCalls(const std::string& method) const {  // calls of `method` that the simulator has answered so far
+    return CountOf(sim_->Log(), "]: " + method + " ") + CountOf(sim_->Log(), "]: " + method + "\n");
+  }
   // A camera package for region 0; returns its path.
   std::string AddPackage(int version, const std::vector<unsigned char>& bytes) {
     return WriteFile(fwDir_ + "/camera-region0-" + std::to_string(version) + ".bin", bytes);
