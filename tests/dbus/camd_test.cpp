@@ -155,7 +155,7 @@ TEST_F(CamdTest, UpdateCheckAndStallLimit) {
   ASSERT_EQ(ReferenceCrc({'1', '2', '3', '4', '5', '6', '7', '8', '9'}), 0x29b1u);  // the catalogue check value
   const auto large = RandomBytes(3 * 65536 + 1234, 42);  // several checksum pieces, ending mid-piece
   const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- ", reset = "\033[0m\n";
-  // out: found on standard output; sends: of a block loop after the check, when any; images past the large one are sparse
+  // out: found on standard output or error; sends: of a block loop after the check, when any; images past the large one are sparse
   const struct { std::vector<std::string> sim; std::uintmax_t imageBytes; const char* stallSeconds; int update; std::string out;
                  std::size_t infoPolls, sends; std::chrono::milliseconds slept; } rows[] = {
       // Not newer. Asked twice: the comparison uses the first answer, the log the second.
@@ -168,7 +168,7 @@ TEST_F(CamdTest, UpdateCheckAndStallLimit) {
       // The 102nd and last answer about the update info still counts.
       {{"--info-false=101"}, large.size(), nullptr, 1, "\nChecksum:" + Hex(ReferenceCrc(large)) +
        "\nThis file [304d2] contains [304d2] chunks of [40]\n", 102, 0, 101 * 100ms},
-      {{"--info-false=forever"}, 100, "5", 0, "", 50, 0, 5s},  // 50 polls of 100 ms
+      {{"--info-false=forever"}, 100, "5", 0, "Error asking camd for update info status, not updating\n", 50, 0, 5s},  // 50 polls
       // Every chunk lost: three rounds of ten polls (2 s each) pass a 5 s limit.
       {{"--loss-rate=1"}, 1000, "5", 1, red + "No progress for 6 s, at block [0]; giving up the update" + reset, 1, 3, 6s},
   };
@@ -185,7 +185,7 @@ TEST_F(CamdTest, UpdateCheckAndStallLimit) {
       update = camera.CheckForUpdate();
       for (int block = camera.GetFirstUpdateBlock(); row.sends && camera.SendFirmwareBlock(block); ++sends) camera.WaitForAck(0);
     });
-    EXPECT_THAT(run.out, ::testing::HasSubstr(row.out));
+    EXPECT_THAT(run.out + run.err, ::testing::HasSubstr(row.out));
     EXPECT_EQ(std::make_tuple(update, SimCalls("UpdateInfoReceived"), SimCalls("SendUpdateAvailable"), sends, clock.Slept() / 1ms),
               std::make_tuple(row.update, row.infoPolls, std::size_t(row.update), row.sends, row.slept.count()));
   }
