@@ -1,50 +1,31 @@
 // The command line of the real program, byte for byte on both streams.
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "subprocess.hpp"
 
+namespace Updater::Testing {
 namespace {
 
-using Updater::Testing::ProcessOptions;
-using Updater::Testing::RunProcess;
-
-const std::string kYellow = "\033[0;33m";
-const std::string kReset = "\033[0m";
-const std::string kClosing = kYellow + "fw-updater Debug: Exiting firmware-updater ..." + kReset + "\n";
-const std::string kCamera = kYellow + "fw-updater Debug: Update target selected as camera" + kReset + "\n";
-
-// argv[0] is set to something that is not a path, to tell it apart from a target.
-auto RunUpdater(const std::vector<std::string>& args) {
+TEST(CommandLine, WrongUseNamesTheProgramWithItsOwnStatus) {
+  const std::string yellow = "\033[0;33mfw-updater Debug: ", reset = "\033[0m\n";
+  struct Row { std::vector<std::string> args; int status; std::string out, err; };
+  std::vector<Row> rows = {{{}, 1, "", "Missing target for [fw-up-argv0]\n"},
+                           // No closing line.
+                           {{"camera"}, 2, yellow + "Update target selected as camera" + reset, "Missing camera idx [fw-up-argv0]\n"}};
+  // Target words are case-sensitive and exact.
+  for (const std::string word : {"Camera", "TALLYVANE", "camera0", "tallyvane ", ""})
+    rows.push_back({{word, "0", "extra"}, 0, yellow + "Exiting firmware-updater ..." + reset,
+                    "Invalid target [" + word + "] given, quitting fw-up-argv0\n"});
   ProcessOptions options;
-  options.argv0 = "fw-up-argv0";
+  options.argv0 = "fw-up-argv0";  // not a path, to tell it apart from a target
   options.timeout = std::chrono::seconds(20);
-  return RunProcess(Updater::Testing::UpdaterBinary(), args, options);
-}
-
-TEST(CommandLine, NoTargetNamesTheProgramAndFailsWith1) {
-  const auto r = RunUpdater({});
-  EXPECT_EQ(r.exitStatus, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "Missing target for [fw-up-argv0]\n");
-}
-
-TEST(CommandLine, CameraWithoutIndexFailsWith2AndNoClosingLine) {
-  const auto r = RunUpdater({"camera"});
-  EXPECT_EQ(r.exitStatus, 2);
-  EXPECT_EQ(r.out, kCamera);
-  EXPECT_EQ(r.err, "Missing camera idx [fw-up-argv0]\n");
-}
-
-TEST(CommandLine, TargetWordsAreCaseSensitiveAndExact) {
-  for (const char* word : {"Camera", "TALLYVANE", "camera0", "tallyvane ", ""}) {
-    const auto r = RunUpdater({word, "0", "extra"});
-    EXPECT_EQ(r.exitStatus, 0) << word;
-    EXPECT_EQ(r.out, kClosing) << word;
-    EXPECT_EQ(r.err, "Invalid target [" + std::string(word) + "] given, quitting fw-up-argv0\n") << word;
+  for (const auto& row : rows) {
+    const auto r = RunProcess(UpdaterBinary(), row.args, options);
+    EXPECT_EQ(r.exitStatus, row.status) << row.err;
+    EXPECT_EQ(r.out, row.out) << row.err;
+    EXPECT_EQ(r.err, row.err);
   }
 }
 
 }  // namespace
+}  // namespace Updater::Testing

@@ -3,10 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/crc.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -33,19 +35,19 @@ inline std::vector<unsigned char> ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
 }
-
-// Bit by bit from the definition (poly 0x1021, init 0xFFFF, MSB first, no
-// reflection, no final XOR), independent of the code under test.
+inline std::string WriteFile(const std::string& path, const std::vector<unsigned char>& bytes) {  // returns the path
+  std::ofstream(path, std::ios::binary | std::ios::trunc)
+      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  return path;
+}
+// CRC-16/CCITT-FALSE spelled out here (poly 0x1021, init 0xFFFF, no reflection, no final XOR), not taken from the code under test.
 inline unsigned ReferenceCrc(const std::vector<unsigned char>& bytes) {
-  unsigned crc = 0xFFFF;
-  for (unsigned char byte : bytes) {
-    crc ^= static_cast<unsigned>(byte) << 8;
-    for (int bit = 0; bit < 8; ++bit) crc = ((crc << 1) ^ (crc & 0x8000 ? 0x1021 : 0)) & 0xFFFF;
-  }
-  return crc;
+  boost::crc_optimal<16, 0x1021, 0xFFFF, 0, false, false> crc;
+  return crc.process_bytes(bytes.data(), bytes.size()), crc.checksum();
 }
 inline std::string Hex(unsigned value) { char text[16]; std::snprintf(text, sizeof text, "%x", value); return text; }
 
+// What `f` wrote on standard output and error.
 struct Captured { std::string out, err; };
 template <class F> Captured Capture(F&& f) {
   ::testing::internal::CaptureStdout(), ::testing::internal::CaptureStderr();
@@ -62,28 +64,19 @@ class CamdBusTest : public ::testing::Test {
     std::cout.flags(std::ios::dec | std::ios::skipws);
     fwDir_ = bus_->Dir() + "/fw-" + ::testing::UnitTest::GetInstance()->current_test_info()->name();
     std::filesystem::create_directories(fwDir_);
-    setenv("QUORVEX_FIRMWARE_DIR", fwDir_.c_str(), 1);
-    setenv("QUORVEX_LOCK_DIR", fwDir_.c_str(), 1);
+    setenv("QUORVEX_FIRMWARE_DIR", fwDir_.c_str(), 1), setenv("QUORVEX_LOCK_DIR", fwDir_.c_str(), 1);
   }
-  void TearDown() override {  // the directory goes with the bus
-    unsetenv("QUORVEX_FIRMWARE_DIR");
-    unsetenv("QUORVEX_LOCK_DIR");
-  }
+  void TearDown() override { unsetenv("QUORVEX_FIRMWARE_DIR"), unsetenv("QUORVEX_LOCK_DIR"); }  // the directory goes with the bus
 
-  void StartSim(const std::vector<std::string>& args) {
-    sim_.reset();  // the service name is free again before the next one asks for it
-    sim_ = std::make_unique<CamdSimProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir());
+  void StartSim(const std::vector<std::string>& args) {  // the service name is free before the next one asks for it
+    sim_.reset(), sim_ = std::make_unique<CamdSimProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir());
   }
-  // Calls of `method` that the simulator has answered so far.
-  std::size_t SimCalls(const std::string& method) const {
+  std::size_t SimCalls(const std::string& method) const {  // calls of `method` that the simulator has answered so far
     return CountOf(sim_->Log(), "]: " + method + " ") + CountOf(sim_->Log(), "]: " + method + "\n");
   }
-  // Puts a camera package for region 0 in place; returns its path.
+  // A camera package for region 0; returns its path.
   std::string AddPackage(int version, const std::vector<unsigned char>& bytes) {
-    const std::string path = fwDir_ + "/camera-region0-" + std::to_string(version) + ".bin";
-    std::ofstream(path, std::ios::binary | std::ios::trunc)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return path;
+    return WriteFile(fwDir_ + "/camera-region0-" + std::to_string(version) + ".bin", bytes);
   }
   std::string OutPath() const { return fwDir_ + "/received.bin"; }
 

@@ -1,8 +1,6 @@
-// The camera-firmware Update Module and its generator under the real Mender
-// client, standalone (no server), against camd-sim on a private bus. The
-// client reads modules only from /usr/share/mender/modules/v3 and, while its
-// database is empty, needs /etc/mender/artifact_info: the test puts both in
-// place and restores what was there before, however it ends.
+// The camera-firmware Update Module and its generator under the real Mender client, standalone (no server), against
+// camd-sim on a private bus. The client reads modules only from /usr/share/mender/modules/v3 and, while its database
+// is empty, needs /etc/mender/artifact_info: the test puts both in place and restores what was there before.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -13,20 +11,15 @@ namespace Updater::Testing {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::HasSubstr;
 
 // A copy of `from` at `path` while this lives; then what was there before, or nothing.
 struct SystemFile {
-  SystemFile(std::string at, const std::string& from) : path(std::move(at)) {
-    if (fs::exists(path)) fs::rename(path, path + ".fwu-test-saved"), saved = true;
+  SystemFile(std::string at, const std::string& from) : path(std::move(at)), saved(fs::exists(path)) {
+    if (saved) fs::rename(path, path + ".fwu-test-saved");
     fs::copy_file(from, path);
   }
-  ~SystemFile() {
-    std::error_code ignored;
-    saved ? fs::rename(path + ".fwu-test-saved", path, ignored) : (void)fs::remove(path, ignored);
-  }
-  std::string path;
-  bool saved = false;
+  ~SystemFile() { std::error_code ignored; saved ? fs::rename(path + ".fwu-test-saved", path, ignored) : (void)fs::remove(path, ignored); }
+  const std::string path; const bool saved;
 };
 
 using MenderTest = CamdBusTest;
@@ -40,19 +33,13 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
   SystemFile module("/usr/share/mender/modules/v3/camera-firmware", source + "camera-firmware");
   SystemFile artifactInfo("/etc/mender/artifact_info", bus_->Dir() + "/artifact_info");
   const auto image = RandomBytes(3000, 5);
-  const std::string imagePath = bus_->Dir() + "/image.bin";
-  std::ofstream(imagePath, std::ios::binary).write(reinterpret_cast<const char*>(image.data()), 3000);
+  const std::string imagePath = WriteFile(bus_->Dir() + "/image.bin", image);
   // Reaches the module and through it the updater.
   ProcessOptions env;
   env.env = {{"PATH", fs::path(FWU_UPDATER_BIN).parent_path().string() + ":" + std::getenv("PATH")},
              {"QUORVEX_LOCK_DIR", bus_->Dir()}};
 
-  const struct {
-    std::vector<std::string> sim, cameras;  // sim empty: camd absent
-    std::string deviceType;
-    int status;
-    std::string logHas;
-  } rows[] = {
+  const struct { std::vector<std::string> sim, cameras; std::string deviceType; int status; std::string logHas; } rows[] = {
       {{"--camera=0", "--camera=03"}, {"0", "03"}, "camera-box", 0, "doesn't support rollback. Committing immediately."},
       {{"--fail-send=3"}, {"0"}, "camera-box", 1, "camera-firmware: camera 0: firmware-updater exited with status 255"},
       // The updater gives up after about 10 s and exits 0; the version check fails the install.
@@ -62,26 +49,22 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.logHas);
     fs::remove_all(fwDir_), fs::create_directories(fwDir_);
-    sim_.reset();
     auto args = row.sim;
     args.insert(args.end(), {"--version=2", "--out=" + OutPath()});
-    if (!row.sim.empty()) StartSim(args);
+    row.sim.empty() ? sim_.reset() : StartSim(args);  // none: camd absent
     const std::string dir = bus_->Dir() + "/mender" + std::to_string(&row - rows), artifact = dir + "/a.mender";
     fs::create_directories(dir + "/data");
     std::ofstream(dir + "/data/device_type") << "device_type=camera-box\n";
-    std::vector<std::string> gen{"-n", "cam-fw-3", "-t", row.deviceType, "-o", artifact, "--version", "3", "--region", "0"};
-    for (const auto& camera : row.cameras) gen.insert(gen.end(), {"--camera", camera});
-    gen.push_back(imagePath);
+    std::vector<std::string> gen{"-n", "cam-fw-3", "-t", row.deviceType, "-o", artifact, "--version", "3", "--region", "0", imagePath};
+    for (const auto& camera : row.cameras) gen.insert(gen.end() - 1, {"--camera", camera});
     const auto built = RunProcess(source + "camera-firmware-artifact-gen", gen);
     ASSERT_EQ(built.exitStatus, 0) << built.err;
-
     const auto mender = [&](std::vector<std::string> args) {
-      args.insert(args.begin(), {"--no-syslog", "-d", dir + "/data"});
-      return RunProcess("/usr/bin/mender", args, env);
+      return args.insert(args.begin(), {"--no-syslog", "-d", dir + "/data"}), RunProcess("/usr/bin/mender", args, env);
     };
     const auto install = mender({"install", artifact});
     EXPECT_EQ(install.exitStatus, row.status) << install.err;
-    EXPECT_THAT(install.out + install.err, HasSubstr(row.logHas));
+    EXPECT_THAT(install.out + install.err, ::testing::HasSubstr(row.logHas));
     // Nothing to commit: a module without rollback is committed at once, and a failed install has nothing.
     EXPECT_EQ(mender({"commit"}).exitStatus, 2);
     EXPECT_EQ(mender({"show-artifact"}).out == "cam-fw-3\n", row.status == 0);
