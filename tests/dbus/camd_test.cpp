@@ -93,10 +93,11 @@ TEST_F(CamdTest, CallsTriesAndReplyTypes) {
 
 // camd absent, an index refused as a path element, an unreachable bus: a failed try of every call, never an abort.
 TEST_F(CamdTest, UnreachableCamdFailsEveryCallAfterFiveTries) {
-  const struct { std::string index, address, error; std::size_t noReplyErrors; } rows[] = {  // noReplyErrors: of three calls
-      {"0", "", "The name com.quorvex.common.Camd1 was not provided", 0},
-      {"a-b", "", "Invalid object path '/com/quorvex/common/Camd1/Cameraa-b'", 15},
-      {"0", "unix:path=/nonexistent/bus", "Failed to open bus (No such file or directory) at [unix:path=/nonexistent/bus]", 15},
+  // noReplyErrors: of three calls; lock: the index as the lock file names it
+  const struct { std::string index, address, error; std::size_t noReplyErrors; std::string lock; } rows[] = {
+      {"0", "", "The name com.quorvex.common.Camd1 was not provided", 0, "0"},
+      {"a-b ü", "", "Invalid object path '/com/quorvex/common/Camd1/Cameraa-b ü'", 15, "a-b%20%C3%BC"},
+      {"0", "unix:path=/nonexistent/bus", "Failed to open bus (No such file or directory) at [unix:path=/nonexistent/bus]", 15, "0"},
   };
   const std::string bus = std::getenv("DBUS_SESSION_BUS_ADDRESS");
   for (const auto& row : rows) {
@@ -113,6 +114,9 @@ TEST_F(CamdTest, UnreachableCamdFailsEveryCallAfterFiveTries) {
     auto& camd = camera.Proxy();
     const auto err = Capture([&] { camd.RequestUpdateInfo(), camd.ClearPendingUpdate(), camd.DequeuePacket(); }).err;
     EXPECT_EQ(CountOf(err, "Dbus::Error: "), row.noReplyErrors) << err;
+    EXPECT_THAT(Capture([&] { EXPECT_EQ(camera.CheckForUpdate(), 0); }).err,  // as with camd absent
+                ::testing::HasSubstr("Error asking camd for update info status, not updating\n"));
+    EXPECT_TRUE(std::filesystem::exists(fwDir_ + "/firmware-updater-camera-" + row.lock + ".lock"));
     setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
   }
 }
