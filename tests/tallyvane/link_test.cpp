@@ -225,14 +225,10 @@ TEST_F(LinkTest, SendPathQueuesResendsWrapsSequencesAndTheAckWaitAdaptsThePacket
   EXPECT_FALSE(helper.RemovePending(9));
   EXPECT_TRUE(helper.RemovePending(1));
   EXPECT_TRUE(helper.RemovePending(9));  // nothing outstanding: nothing to miss
-  helper.SendPacket(request), helper.SendPacket(clear);
-  EXPECT_EQ(Stdout([&] { helper.ClearPending(); }), "\033[0;36mfw-updater Debug: Clearing Vexalume packet queue\033[0m\n");
-  EXPECT_EQ(helper.PendingCount(), 0u);
-  Sent();
-  auto out = Stdout([&] { for (int i = 5; i < 258; ++i) ASSERT_TRUE(helper.SendPacket(noAck)); });
+  auto out = Stdout([&] { for (int i = 3; i < 258; ++i) ASSERT_TRUE(helper.SendPacket(noAck)); });
   const auto wrapped = Sent();
-  ASSERT_EQ(wrapped.size(), 253u);
-  for (std::size_t i = 0; i < wrapped.size(); ++i) ASSERT_EQ(wrapped[i][2], (i + 5) % 256) << i;
+  ASSERT_EQ(wrapped.size(), 255u);
+  for (std::size_t i = 0; i < wrapped.size(); ++i) ASSERT_EQ(wrapped[i][2], (i + 3) % 256) << i;
   EXPECT_NE(out.find(" ** Sending message pkt # [255]\n ** Sending message pkt # [0]\n"), std::string::npos);
   // The packet size drops to 1 after a failed wait and climbs back to 64.
   ASSERT_TRUE(helper.SendBlock(0, {1}));  // never reported by the board
@@ -289,8 +285,7 @@ TEST_F(LinkTest, UpdateCheckAnnouncesOnlyANewerImageAndChunksAreReadAtTheBoardsP
   for (auto b : image) sum = static_cast<std::uint16_t>(sum - b);
   EXPECT_TRUE(announce.Version() == 7 && announce.Hash() == sum && announce.Chunks() == image.size());
   Stdout([&] { whole = Tallyvane::tallyvane_checksum(reinterpret_cast<const char*>(image.data()), image.size()); });
-  EXPECT_EQ(whole, sum);
-  EXPECT_EQ((Stdout([&] { none = Tallyvane::tallyvane_checksum("", 0); }), none), 256);
+  EXPECT_TRUE(whole == sum && (Stdout([&] { none = Tallyvane::tallyvane_checksum("", 0); }), none) == 256);
   EXPECT_TRUE(helper.HaveUpdateFile());
   const auto send = [&](int at, int result) { return Stderr([&] { EXPECT_EQ(helper.SendFirmwareBlock(at), result) << at; }); };
   const auto past = [](int at, int read) {
