@@ -179,9 +179,8 @@ TEST_F(LinkTest, ReadsAreCutIntoFramesResynchroniseOnTheSyncBytesAndUpdateTheLin
   // Blocks sign-extended from 32 bits; the first block is set only by the first report, the next by the last.
   EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{0, 0x1234, -2, 7, 1, 10, 10, 20, 1, -1, 10}));
   EXPECT_NE(Printed(Frame(UpdateComplete())).find("that the update has completed!"), std::string::npos);
-  auto sent = Sent();
-  ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(sent[0][1], kApplyUpdate);
+  const auto apply = Sent();
+  EXPECT_TRUE(apply.size() == 1 && apply[0][1] == kApplyUpdate);
   Feed(Frame(DatalinkPacketAck(0, true)));  // so that a second ApplyUpdate could not be held back by the queue
   EXPECT_EQ(Printed(Frame(UpdateComplete())), "");
   EXPECT_TRUE(Sent().empty());
@@ -197,9 +196,7 @@ TEST_F(LinkTest, ReadsAreCutIntoFramesResynchroniseOnTheSyncBytesAndUpdateTheLin
 // Packets that want an acknowledgement queue behind the one on the wire; only the oldest is resent, once it
 // has waited more than 3 s; sequences wrap at 256. The acknowledgement wait adapts the packet size.
 TEST_F(LinkTest, SendPathQueuesResendsWrapsSequencesAndTheAckWaitAdaptsThePacketSize) {
-  RequestUpdateInfo request;
-  ClearPendingUpdate clear;
-  DatalinkPacketAck noAck(1, true);
+  RequestUpdateInfo request; ClearPendingUpdate clear; DatalinkPacketAck noAck(1, true);
   EXPECT_TRUE(helper.SendPacket(request));
   EXPECT_FALSE(helper.SendPacket(clear));
   EXPECT_TRUE(helper.SendPacket(noAck));  // never waits behind the queue
@@ -207,24 +204,23 @@ TEST_F(LinkTest, SendPathQueuesResendsWrapsSequencesAndTheAckWaitAdaptsThePacket
   ASSERT_EQ(sent.size(), 2u);
   EXPECT_TRUE(sent[0][1] == kRequestUpdateInfo && sent[1][1] == kDatalinkPacketAck);
   ASSERT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
-  auto resend = [&] { return Stderr([&] { EXPECT_TRUE(helper.ResendExpired()); }); };
-  clock.Advance(3000ms);
-  EXPECT_EQ(resend(), "");
-  clock.Advance(1ns);
-  EXPECT_EQ(resend(), "VYR cam expired ACK [#0], resending.\n");
-  EXPECT_EQ(resend(), "");  // the resend restarted its timer
+  auto resend = [&](std::chrono::nanoseconds wait) {
+    return clock.Advance(wait), Stderr([&] { EXPECT_TRUE(helper.ResendExpired()); });
+  };
+  EXPECT_EQ(resend(3000ms), "");
+  EXPECT_EQ(resend(1ns), "VYR cam expired ACK [#0], resending.\n");
+  EXPECT_EQ(resend(0ns), "");  // the resend restarted its timer
   EXPECT_EQ(Sent(), (std::vector<Bytes>{sent[0]}));
   Feed(Frame(DatalinkPacketAck(0, false)));  // a refusal changes nothing
   EXPECT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
   Feed(Concat({Frame(DatalinkPacketAck(0, true)), Frame(DatalinkPacketAck(9, true))}));
   EXPECT_EQ(helper.PendingSequences(), (Bytes{1}));
-  clock.Advance(3001ms);  // the one queued behind leaves the same way
-  EXPECT_EQ(resend(), "VYR cam expired ACK [#1], resending.\n");
+  EXPECT_EQ(resend(3001ms), "VYR cam expired ACK [#1], resending.\n");  // the one queued behind leaves the same way
   const auto again = Sent();
   EXPECT_TRUE(again.size() == 1 && again[0][1] == kClearPendingUpdate);
-  EXPECT_FALSE(helper.RemovePending(9));
-  EXPECT_TRUE(helper.RemovePending(1));
-  EXPECT_TRUE(helper.RemovePending(9));  // nothing outstanding: nothing to miss
+  // Once nothing is outstanding there is nothing to miss.
+  EXPECT_EQ((std::vector<bool>{helper.RemovePending(9), helper.RemovePending(1), helper.RemovePending(9)}),
+            (std::vector<bool>{false, true, true}));
   auto out = Stdout([&] { for (int i = 3; i < 258; ++i) ASSERT_TRUE(helper.SendPacket(noAck)); });
   const auto wrapped = Sent();
   ASSERT_EQ(wrapped.size(), 255u);
