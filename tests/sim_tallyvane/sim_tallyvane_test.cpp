@@ -50,16 +50,16 @@ struct Bench {
   }
 
   const Options options;
-  std::vector<std::string> lines;
+  std::string verdict;  // the last VERDICT line
   std::uint32_t next = 0;
   bool complete = false;
   int resends = 0, skipped = 0, restarts = 0;
   std::unique_ptr<FILE, int (*)(FILE*)> file{std::tmpfile(), &std::fclose};
   off_t consumed = 0;
   unsigned sequence = 0;
-  UplinkWriter uplink{fileno(file.get()), options, [this](const std::string& line) { lines.push_back(line); }};
-  Board board{options, [this](Bytes p, auto delay, std::string what) { uplink.Queue(std::move(p), delay, what); },
-              [this](const std::string& line) { lines.push_back(line); }};
+  Say say = [this](const std::string& line) { verdict = line.rfind("VERDICT", 0) == 0 ? line : verdict; };
+  UplinkWriter uplink{fileno(file.get()), options, say};
+  Board board{options, [this](Bytes p, auto delay, std::string what) { uplink.Queue(std::move(p), delay, what); }, say};
 };
 
 // Each fault set must cost the host what it names (a resend, skipped bytes, a restart) and no more, and the
@@ -100,10 +100,8 @@ TEST(SimTransfer, CompletesThroughFaultsAndJudgesTheImage) {
     ASSERT_TRUE(bench.complete);
     EXPECT_EQ((std::vector<bool>{bench.resends > 0, bench.skipped > 0, bench.restarts > 0}),
               (std::vector<bool>{row.resent, row.skipped, row.restarted}));
-    std::string verdict;
-    for (const auto& line : bench.lines) verdict = line.rfind("VERDICT", 0) == 0 ? line : verdict;
-    EXPECT_EQ(verdict.rfind(row.hashError ? "VERDICT bad-checksum bytes=1000" : "VERDICT ok bytes=1000 checksum=", 0),
-              0u) << verdict;
+    EXPECT_EQ(bench.verdict.rfind(row.hashError ? "VERDICT bad-checksum bytes=1000" : "VERDICT ok bytes=1000 checksum=", 0),
+              0u) << bench.verdict;
     std::ifstream in(options.out, std::ios::binary);
     EXPECT_EQ(Bytes(std::istreambuf_iterator<char>(in), {}), image);
   }
