@@ -114,10 +114,7 @@ class LinkTest : public testing::Test {
   Tallyvane helper{dir / "no-device", clock};
 };
 
-// One read each, on a fresh helper. After a frame that does not unpack, every
-// byte up to the next sync bytes (or the end of the read) costs a dump and a
-// "CHOKE"; a packet without sync bytes in front is never taken. syslog()
-// mirrors its records to stderr under LOG_PERROR, so all failure reports are seen.
+// The progress line's throttle; reads cut into frames and resynchronised; the link state the frames leave.
 TEST_F(LinkTest, ReadsAreCutIntoFramesResynchroniseOnTheSyncBytesAndUpdateTheLinkState) {
   // Exactly the interval since the last progress line is still quiet; the end of the image always prints.
   const struct { std::chrono::milliseconds wait; int last; std::uint32_t next; bool printed; } steps[] = {
@@ -129,6 +126,9 @@ TEST_F(LinkTest, ReadsAreCutIntoFramesResynchroniseOnTheSyncBytesAndUpdateTheLin
                              "], next byte: [" + std::to_string(static_cast<int>(step.next)) + "]\n";
     EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(step.last, step.next))), step.printed ? line : "") << step.last;
   }
+  // One read each, on a fresh helper. After a frame that does not unpack, every byte up to the next sync bytes
+  // (or the end of the read) costs a dump and a "CHOKE"; a packet without sync bytes in front is never taken.
+  // syslog() mirrors its records to stderr under LOG_PERROR, so all failure reports are seen.
   auto cut = [](Bytes frame, std::size_t by) { return Bytes(frame.begin(), frame.end() - by); };
   auto flip = [](Bytes frame, std::size_t at) { return frame[at] ^= 0x10, frame; };
   auto typed = [](std::uint8_t type) { auto f = Frame(UpdateComplete()); return f[3] = type, f; };
