@@ -165,9 +165,7 @@ TEST_F(PlatformTest, DownlinkGetsOneWholeFramePerCallFromAnyThreadAndFailsQuickl
     return got.resize(static_cast<std::size_t>(std::max<ssize_t>(0, read(reader, got.data(), got.size())))), got;
   };
   const Bytes big(lc::kMaxDownlinkPayload, 0x5C);
-  ASSERT_NE(Send({1, 2, 3}), 0);
-  ASSERT_NE(Send({0x42}, 200), 0);
-  ASSERT_NE(Send(big), 0);
+  ASSERT_EQ((std::vector<int>{Send({1, 2, 3}), Send({0x42}, 200), Send(big)}), (std::vector<int>{1, 1, 1}));
   EXPECT_EQ(Send({}) + Send(Bytes(lc::kMaxDownlinkPayload + 1, 1)) + Send({1}, -1) + Send({1}, 256), 0);
   EXPECT_EQ(QelArmControl::Send_Dl_Us_Raw(5, nullptr, 3), 0);
   Bytes expected{0xAA, 0xA9, 5, 3, 0, 1, 2, 3, 0xAA, 0xA9, 200, 1, 0, 0x42, 0xAA, 0xA9, 5,
