@@ -21,14 +21,13 @@ using Clock = std::chrono::steady_clock;
 
 TEST(TallyvaneCommandLine, GivesUpOnTheBoardAfterTenSecondsThenKeepsReadingTheDevice) {
   Updater::Testing::TempDir dir;
-  Updater::Testing::ProcessOptions options;
   const std::string data = dir / "data";
   ASSERT_EQ(mkfifo(data.c_str(), 0600), 0);
-  options.env = {{"QUORVEX_TALLYVANE_DATA", data},
-                 {"QUORVEX_TALLYVANE_DOWNLINK", dir / "no-downlink"},
-                 {"QUORVEX_FIRMWARE_DIR", dir.path()},
-                 {"QUORVEX_TALLYVANE_VERSION_FILE", dir / "no-version"}, {"NOTIFY_SOCKET", dir / "notify"}};
   Updater::Testing::NotifySocket notify(dir / "notify");
+  Updater::Testing::ProcessOptions options;
+  options.env = {{"QUORVEX_TALLYVANE_DATA", data}, {"QUORVEX_TALLYVANE_DOWNLINK", dir / "no-downlink"},
+                 {"QUORVEX_FIRMWARE_DIR", dir.path()}, {"QUORVEX_TALLYVANE_VERSION_FILE", dir / "no-version"},
+                 {"NOTIFY_SOCKET", dir / "notify"}};
   options.timeout = 40s;
   const std::string refusal =
       "\033[0;31mfw-updater Debug: [ERROR] -- Error asking tallyvane for update info status, not updating\033[0m\n";
@@ -40,12 +39,10 @@ TEST(TallyvaneCommandLine, GivesUpOnTheBoardAfterTenSecondsThenKeepsReadingTheDe
     if (!doneAt && out.find("Entered: UpdateDone\n") != std::string::npos) doneAt = Clock::now();
     for (const auto& message : notify.Take()) if (message == "READY=1") readyAt = Clock::now();
     // Once the loop has the FIFO open (until then ENXIO), the board speaks.
-    const int fd = doneAt && !spoke ? open(data.c_str(), O_WRONLY | O_NONBLOCK) : -1;
-    if (fd >= 0) {
+    if (const int fd = doneAt && !spoke ? open(data.c_str(), O_WRONLY | O_NONBLOCK) : -1; fd >= 0) {
       std::uint8_t frame[18] = {0xAA, 0xA9};
       VYRCam::UpdateInfo(7, 3, 64, 2).Pack(frame + 2);
-      spoke = write(fd, frame, sizeof frame) == sizeof frame;
-      close(fd);
+      spoke = write(fd, frame, sizeof frame) == sizeof frame, close(fd);
     }
     // Time to show that it does not end on its own.
     return doneAt && Clock::now() - *doneAt > 1500ms && out.find("\tflash Sector: [2]") != std::string::npos;
@@ -57,8 +54,7 @@ TEST(TallyvaneCommandLine, GivesUpOnTheBoardAfterTenSecondsThenKeepsReadingTheDe
   EXPECT_TRUE(readyAt && doneAt && *readyAt >= *doneAt) << "ready once the receive loop runs, after the machine";
   EXPECT_TRUE(run.timedOut && run.termSignal == SIGTERM) << "still running, reading the device, until ended";
   EXPECT_EQ(run.out.rfind("Entered: UpdateInit\n ** Sending message pkt # [0]\n" + refusal +
-                              "          Update not needed, exiting...\nExited: UpdateInit\nEntered: UpdateDone\n",
-                          0),
+                              "          Update not needed, exiting...\nExited: UpdateInit\nEntered: UpdateDone\n", 0),
             0u) << run.out;
   EXPECT_EQ(run.out.find("Exiting firmware-updater"), std::string::npos);
 }

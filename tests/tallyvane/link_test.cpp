@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <functional>
 #include <iostream>
-#include <random>
 
 #include "fake_clock.hpp"
 #include "helpers/tallyvane/tallyvane.hpp"
@@ -23,46 +22,35 @@ namespace {
 using namespace std::chrono_literals;
 using namespace VYRCam;
 using Bytes = std::vector<std::uint8_t>;
-namespace capture = testing::internal;
 using Updater::Helpers::Tallyvane;
+namespace capture = testing::internal;
 
-// 0xAA 0xA9 followed by the packed packet, as the board writes it.
-Bytes Frame(const Packet& packet) {
+Bytes Frame(const Packet& packet) {  // 0xAA 0xA9 and the packed packet, as the board writes it
   Bytes out{0xAA, 0xA9};
   out.resize(2 + static_cast<std::size_t>(packet.Length()));
-  packet.Pack(out.data() + 2);
-  return out;
+  return packet.Pack(out.data() + 2), out;
 }
-
 Bytes Concat(std::initializer_list<Bytes> parts) {
   Bytes out;
   for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
   return out;
 }
-
 std::size_t Count(const std::string& text, const std::string& what) {
   std::size_t n = 0;
   for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size())) ++n;
   return n;
 }
-
-// Every field of the link state, in declaration order.
-std::vector<long long> Fields(const Tallyvane::LinkState& s) {
+std::vector<long long> Fields(const Tallyvane::LinkState& s) {  // every field, in declaration order
   return {s.updateCompleted, s.partialDlVer, s.downloadedBlocks, s.flashSector, s.haveUpdateInfo, s.firstBlock,
           s.lastReceived,    s.nextBlock,    s.blockReportReceived, s.lastSentBlock, s.lastAckedBlock};
 }
-
 std::string Stdout(const std::function<void()>& run) { return capture::CaptureStdout(), run(), capture::GetCapturedStdout(); }
 std::string Stderr(const std::function<void()>& run) { return capture::CaptureStderr(), run(), capture::GetCapturedStderr(); }
 
 // Lets the test act as the board while the helper waits: `onSleep` runs before each sleep returns.
-class ScriptedClock : public Updater::Testing::FakeClock {
- public:
-  void Sleep(std::chrono::nanoseconds d) override {
-    FakeClock::Sleep(d);
-    if (onSleep) onSleep(Sleeps());
-  }
-  std::function<void(int sleepsSoFar)> onSleep;
+struct ScriptedClock : Updater::Testing::FakeClock {
+  void Sleep(std::chrono::nanoseconds d) override { FakeClock::Sleep(d); if (onSleep) onSleep(); }
+  std::function<void()> onSleep;
 };
 
 class LinkTest : public testing::Test {
@@ -73,22 +61,19 @@ class LinkTest : public testing::Test {
     tap = open((dir / "downlink").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir / "downlink").c_str(), 1);
     setenv("QUORVEX_FIRMWARE_DIR", dir.path().c_str(), 1);
-    setenv("QUORVEX_TALLYVANE_VERSION_FILE", (dir / "board-version").c_str(), 1);
-    dir.Write("board-version", "5\n");
+    setenv("QUORVEX_TALLYVANE_VERSION_FILE", dir.Write("board-version", "5\n").c_str(), 1);
     std::cout << std::dec;  // a helper before us may have left it in hexadecimal
     Tallyvane::lastProgressPrint = clock.Now() - 1h;
   }
   ~LinkTest() override { close(tap); }
-  // The packets written to the downlink since the last call, in order; each on the helper's channel.
-  std::vector<Bytes> Sent() {
+  std::vector<Bytes> Sent() {  // the packets written since the last call, in order; each on the helper's channel
     Bytes got(1 << 16);
     got.resize(static_cast<std::size_t>(std::max<ssize_t>(0, read(tap, got.data(), got.size()))));
     std::vector<Bytes> out;
     for (std::size_t at = 0, count = 0; at + lc::kDownlinkHeaderBytes <= got.size(); at += 5 + count) {
       EXPECT_TRUE(got[at] == 0xAA && got[at + 1] == 0xA9 && got[at + 2] == Tallyvane::kDownlinkChannel);
       count = got[at + 3] | (got[at + 4] << 8);
-      out.emplace_back(got.begin() + static_cast<std::ptrdiff_t>(at + 5),
-                       got.begin() + static_cast<std::ptrdiff_t>(std::min(got.size(), at + 5 + count)));
+      out.emplace_back(got.begin() + at + 5, got.begin() + std::min(got.size(), at + 5 + count));
     }
     return out;
   }
@@ -97,17 +82,15 @@ class LinkTest : public testing::Test {
   void AckEverything() {
     for (auto sequence : helper.PendingSequences()) Feed(Frame(DatalinkPacketAck(sequence, true)));
   }
-  // Sends one chunk the way the machine would and has the board report it.
-  void SendAndReport(int reportedOffset = 0) {
+  void SendAndReport(int reportedOffset = 0) {  // one chunk the way the machine sends it, reported by the board
     ASSERT_TRUE(helper.SendBlock(0, Bytes(4, 0x5A)));
     AckEverything();
     Feed(Frame(ReceivedFirmwareBlock(helper.State().lastSentBlock + reportedOffset, 0)));
   }
-  // The check, with the board answering during the first 100 ms wait; leaves nothing pending.
+  // The check from scratch, with the board answering during its first wait; leaves nothing pending.
   int Check() {
-    clock.onSleep = [this](int sleeps) {
-      if (sleeps == 1) AckEverything(), Feed(Frame(UpdateInfo(0, 0, 64, 1)));
-    };
+    Feed(Frame(UpdateError()));
+    clock.onSleep = [this] { if (!helper.State().haveUpdateInfo) AckEverything(), Feed(Frame(UpdateInfo(0, 0, 64, 1))); };
     int result = -1;
     lastOut = Stdout([&] { result = helper.CheckForUpdate(); });
     AckEverything();
@@ -131,11 +114,21 @@ class LinkTest : public testing::Test {
   Tallyvane helper{dir / "no-device", clock};
 };
 
-// One read each, on a fresh helper. After a frame that does not unpack, every
-// byte up to the next sync bytes (or the end of the read) costs a dump and a
-// "CHOKE"; a packet without sync bytes in front is never taken. syslog()
-// mirrors its records to stderr under LOG_PERROR, so all failure reports are seen.
-TEST_F(LinkTest, ReadsAreCutIntoFramesAndResynchroniseOnlyOnTheSyncBytes) {
+// The progress line's throttle; reads cut into frames and resynchronised; the link state the frames leave.
+TEST_F(LinkTest, ReadsAreCutIntoFramesResynchroniseOnTheSyncBytesAndUpdateTheLinkState) {
+  // Exactly the interval since the last progress line is still quiet; the end of the image always prints.
+  const struct { std::chrono::milliseconds wait; int last; std::uint32_t next; bool printed; } steps[] = {
+      {0ms, 0, 64, true},           {500ms, 64, 128, false},      {500ms, 128, 192, false},
+      {0ms, 192, 0xFFFFFFFF, true}, {0ms, 192, 0xFFFFFFFF, true}, {1ms, 192, 256, true}};
+  for (const auto& step : steps) {
+    clock.Advance(step.wait);
+    const std::string line = "Processing ACK for firmware block, last byte: [" + std::to_string(step.last) +
+                             "], next byte: [" + std::to_string(static_cast<int>(step.next)) + "]\n";
+    EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(step.last, step.next))), step.printed ? line : "") << step.last;
+  }
+  // One read each, on a fresh helper. After a frame that does not unpack, every byte up to the next sync bytes
+  // (or the end of the read) costs a dump and a "CHOKE"; a packet without sync bytes in front is never taken.
+  // syslog() mirrors its records to stderr under LOG_PERROR, so all failure reports are seen.
   auto cut = [](Bytes frame, std::size_t by) { return Bytes(frame.begin(), frame.end() - by); };
   auto flip = [](Bytes frame, std::size_t at) { return frame[at] ^= 0x10, frame; };
   auto typed = [](std::uint8_t type) { auto f = Frame(UpdateComplete()); return f[3] = type, f; };
@@ -146,18 +139,16 @@ TEST_F(LinkTest, ReadsAreCutIntoFramesAndResynchroniseOnlyOnTheSyncBytes) {
   };
   const auto report = Frame(ReceivedFirmwareBlock(-1, 128)), badCrc = flip(Frame(ReceivedFirmwareBlock(10, 20)), 14);
   const Bytes unsynced(report.begin() + 2, report.end());
-  const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- Failed to Unpack ", reset = "]\033[0m\n";
+  const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- Failed to Unpack ", reset = "]\033[0m\n",
+                    badReport = red + "ReceivedFirmwareBlock [4" + reset;
   const struct { Bytes read; std::size_t chokes; bool gulp; int next; std::string failure; } rows[] = {
-      {{0xAA, 0xA9}, 0, false, -1, ""}, {{0x01, 0x02}, 0, false, -1, ""},
-      {Concat({{0x00}, report}), 0, true, -1, ""},
-      {Concat({{0xAA, 0x00}, report}), 0, true, -1, ""},
-      {Concat({{0x12, 0x34}, unsynced}), 0, true, -1, ""},
+      {{0xAA, 0xA9}, 0, false, -1, ""}, {{0x01, 0x02}, 0, false, -1, ""}, {Concat({{0x00}, report}), 0, true, -1, ""},
+      {Concat({{0xAA, 0x00}, report}), 0, true, -1, ""}, {Concat({{0x12, 0x34}, unsynced}), 0, true, -1, ""},
       {Concat({report, {0x55, 0x66, 0x77}, Frame(ReceivedFirmwareBlock(128, 192))}), 0, true, 128, ""},
-      {Concat({typed(34), report}), 7, false, 128, ""},
-      {Concat({typed(40), report}), 7, false, 128, ""},
-      {Concat({badCrc, report}), 15, false, 128, red + "ReceivedFirmwareBlock [4" + reset},
-      {Concat({badCrc, {0x12, 0x34}, unsynced}), 30, false, -1, red + "ReceivedFirmwareBlock [4" + reset},
-      {Concat({badCrc, {0xAA, 0x00}, unsynced}), 30, false, -1, red + "ReceivedFirmwareBlock [4" + reset},
+      {Concat({typed(34), report}), 7, false, 128, ""}, {Concat({typed(40), report}), 7, false, 128, ""},
+      {Concat({badCrc, report}), 15, false, 128, badReport},
+      {Concat({badCrc, {0x12, 0x34}, unsynced}), 30, false, -1, badReport},
+      {Concat({badCrc, {0xAA, 0x00}, unsynced}), 30, false, -1, badReport},
       {Concat({typed(34), {0x12, 0x34}, unsynced}), 22, false, -1, ""},
       {cut(Frame(UpdateInfo(1, 2, 64, 3)), 4), 14, false, -1, red + "UpdateInfo [1" + reset},
       {flip(Frame(UpdateComplete()), 4), 7, false, -1, red + "UpdateComplete [4" + reset},
@@ -181,21 +172,16 @@ TEST_F(LinkTest, ReadsAreCutIntoFramesAndResynchroniseOnlyOnTheSyncBytes) {
     EXPECT_EQ(fresh.State().haveUpdateInfo + fresh.State().updateCompleted, 0) << "failed frames change nothing";
   }
   closelog();
-}
-
-// Frames of one read in order, a completion handled once, then an update error that resets
-// everything but the flash sector (not part of an update's progress) and prints nothing.
-TEST_F(LinkTest, FramesInOrderCompletionOnceAndAnUpdateErrorResetsTheUpdateSilently) {
+  // Frames of one read in order, a completion handled once, then an update error that resets
+  // everything but the flash sector (not part of an update's progress) and prints nothing.
   Feed(Concat({Frame(UpdateInfo(0x1234, 0xFFFFFFFE, 32, 7)), Frame(ReceivedFirmwareBlock(-1, 10)),
                Frame(ReceivedFirmwareBlock(10, 20))}));
   // Blocks sign-extended from 32 bits; the first block is set only by the first report, the next by the last.
   EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{0, 0x1234, -2, 7, 1, 10, 10, 20, 1, -1, 10}));
   EXPECT_NE(Printed(Frame(UpdateComplete())).find("that the update has completed!"), std::string::npos);
-  auto sent = Sent();
-  ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(sent[0][1], kApplyUpdate);
-  // Acknowledged, so that a second ApplyUpdate could not be held back by the queue.
-  Feed(Frame(DatalinkPacketAck(0, true)));
+  const auto apply = Sent();
+  EXPECT_TRUE(apply.size() == 1 && apply[0][1] == kApplyUpdate);
+  Feed(Frame(DatalinkPacketAck(0, true)));  // so that a second ApplyUpdate could not be held back by the queue
   EXPECT_EQ(Printed(Frame(UpdateComplete())), "");
   EXPECT_TRUE(Sent().empty());
   EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{1, 0x1234, -2, 7, 1, -1, -1, -1, 1, -1, -1}));
@@ -207,165 +193,70 @@ TEST_F(LinkTest, FramesInOrderCompletionOnceAndAnUpdateErrorResetsTheUpdateSilen
   EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{0, 0, 0, 7, 0, 0, -1, -1, 0, -1, -1}));
 }
 
-// Exactly the interval since the last line is still quiet; the end of the image always prints.
-TEST_F(LinkTest, ProgressLineIsThrottledExceptForTheLastReport) {
-  const struct { std::chrono::milliseconds wait; int last; std::uint32_t next; bool printed; } steps[] = {
-      {0ms, 0, 64, true},           {500ms, 64, 128, false},      {500ms, 128, 192, false},
-      {0ms, 192, 0xFFFFFFFF, true}, {0ms, 192, 0xFFFFFFFF, true}, {1ms, 192, 256, true}};
-  for (const auto& step : steps) {
-    clock.Advance(step.wait);
-    const std::string line = "Processing ACK for firmware block, last byte: [" + std::to_string(step.last) +
-                             "], next byte: [" + std::to_string(static_cast<int>(step.next)) + "]\n";
-    EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(step.last, step.next))), step.printed ? line : "") << step.last;
-  }
-}
-
-// Packets that want an acknowledgement queue behind the one on the wire; only
-// the oldest is resent, once it has waited more than 3 s; sequences wrap at 256.
-TEST_F(LinkTest, SendPathQueuesResendsTheOldestAfterTheTimeoutAndWrapsSequences) {
-  RequestUpdateInfo request;
-  ClearPendingUpdate clear;
-  DatalinkPacketAck noAck(1, true);
+// Packets that want an acknowledgement queue behind the one on the wire; only the oldest is resent, once it
+// has waited more than 3 s; sequences wrap at 256. The acknowledgement wait adapts the packet size.
+TEST_F(LinkTest, SendPathQueuesResendsWrapsSequencesAndTheAckWaitAdaptsThePacketSize) {
+  RequestUpdateInfo request; ClearPendingUpdate clear; DatalinkPacketAck noAck(1, true);
   EXPECT_TRUE(helper.SendPacket(request));
   EXPECT_FALSE(helper.SendPacket(clear));
   EXPECT_TRUE(helper.SendPacket(noAck));  // never waits behind the queue
   const auto sent = Sent();
   ASSERT_EQ(sent.size(), 2u);
-  EXPECT_EQ(sent[0][1], kRequestUpdateInfo);
-  EXPECT_EQ(sent[1][1], kDatalinkPacketAck);
+  EXPECT_TRUE(sent[0][1] == kRequestUpdateInfo && sent[1][1] == kDatalinkPacketAck);
   ASSERT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
-  auto resend = [&] { return Stderr([&] { EXPECT_TRUE(helper.ResendExpired()); }); };
-  clock.Advance(3000ms);
-  EXPECT_EQ(resend(), "");
-  clock.Advance(1ns);
-  EXPECT_EQ(resend(), "VYR cam expired ACK [#0], resending.\n");
-  EXPECT_EQ(resend(), "");  // the resend restarted its timer
+  auto resend = [&](std::chrono::nanoseconds wait) {
+    return clock.Advance(wait), Stderr([&] { EXPECT_TRUE(helper.ResendExpired()); });
+  };
+  EXPECT_EQ(resend(3000ms), "");
+  EXPECT_EQ(resend(1ns), "VYR cam expired ACK [#0], resending.\n");
+  EXPECT_EQ(resend(0ns), "");  // the resend restarted its timer
   EXPECT_EQ(Sent(), (std::vector<Bytes>{sent[0]}));
   Feed(Frame(DatalinkPacketAck(0, false)));  // a refusal changes nothing
   EXPECT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
-  Feed(Frame(DatalinkPacketAck(0, true)));
-  Feed(Frame(DatalinkPacketAck(9, true)));
+  Feed(Concat({Frame(DatalinkPacketAck(0, true)), Frame(DatalinkPacketAck(9, true))}));
   EXPECT_EQ(helper.PendingSequences(), (Bytes{1}));
-  // The one queued behind leaves the same way.
-  clock.Advance(3001ms);
-  EXPECT_EQ(resend(), "VYR cam expired ACK [#1], resending.\n");
+  EXPECT_EQ(resend(3001ms), "VYR cam expired ACK [#1], resending.\n");  // the one queued behind leaves the same way
   const auto again = Sent();
-  ASSERT_EQ(again.size(), 1u);
-  EXPECT_EQ(again[0][1], kClearPendingUpdate);
-  EXPECT_FALSE(helper.RemovePending(9));
-  EXPECT_TRUE(helper.RemovePending(1));
-  EXPECT_TRUE(helper.RemovePending(9));  // nothing outstanding: nothing to miss
-  helper.SendPacket(request);
-  helper.SendPacket(clear);
-  EXPECT_EQ(Stdout([&] { helper.ClearPending(); }),
-            "\033[0;36mfw-updater Debug: Clearing Vexalume packet queue\033[0m\n");
-  EXPECT_EQ(helper.PendingCount(), 0u);
-  Sent();
-  const auto out = Stdout([&] {
-    for (int i = 5; i < 258; ++i) ASSERT_TRUE(helper.SendPacket(noAck));
-  });
+  EXPECT_TRUE(again.size() == 1 && again[0][1] == kClearPendingUpdate);
+  // Once nothing is outstanding there is nothing to miss.
+  EXPECT_EQ((std::vector<bool>{helper.RemovePending(9), helper.RemovePending(1), helper.RemovePending(9)}),
+            (std::vector<bool>{false, true, true}));
+  auto out = Stdout([&] { for (int i = 3; i < 258; ++i) ASSERT_TRUE(helper.SendPacket(noAck)); });
   const auto wrapped = Sent();
-  ASSERT_EQ(wrapped.size(), 253u);
-  for (std::size_t i = 0; i < wrapped.size(); ++i) ASSERT_EQ(wrapped[i][2], (i + 5) % 256) << i;
+  ASSERT_EQ(wrapped.size(), 255u);
+  for (std::size_t i = 0; i < wrapped.size(); ++i) ASSERT_EQ(wrapped[i][2], (i + 3) % 256) << i;
   EXPECT_NE(out.find(" ** Sending message pkt # [255]\n ** Sending message pkt # [0]\n"), std::string::npos);
-}
-
-// The packet size drops to 1 after a failed wait and climbs back to 64.
-TEST_F(LinkTest, AckWaitAdaptsThePacketSizeAndTakesAReportBeyondTheLastSentAsAMissedAck) {
+  // The packet size drops to 1 after a failed wait and climbs back to 64.
   ASSERT_TRUE(helper.SendBlock(0, {1}));  // never reported by the board
-  std::string out;
   EXPECT_EQ(Stderr([&] { out = Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 1); }); }),
             "Caught ACK timeout! Still waiting...\n");
   EXPECT_NE(out.find("Tallyvane ACK status: 1\n\033[0;36mfw-updater Debug: Clearing Vexalume packet queue\033[0m\n"
-                     "********************* Dropping packet size to [1]\n"),
-            std::string::npos);
+                     "********************* Dropping packet size to [1]\n"), std::string::npos);
   EXPECT_EQ(helper.PacketSize(), 1);
   EXPECT_EQ(helper.PendingCount(), 0u);
   // Three attempts, each 167 polls of 30 ms and 12 pauses of 250 ms.
   EXPECT_EQ(clock.Sleeps(), 3 * (167 + 12));
   EXPECT_EQ(clock.Slept(), 3 * (167 * 30ms + 12 * 250ms));
-  for (int expected : {2, 4, 8, 16, 32, 64}) {
+  for (int expected : {2, 4, 8, 16, 32, 64, 64}) {  // at the top it stays there, without a word about it
     SendAndReport();
-    EXPECT_NE(Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); })
-                  .find("Bumping packet size to [" + std::to_string(expected) + "]\n"),
-              std::string::npos);
+    const std::string bump = expected != helper.PacketSize() ? "Bumping packet size to [" + std::to_string(expected) + "]\n" : "";
+    EXPECT_EQ(Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); }), "[Talyvane] waiting for ACK!\nTallyvane ACK status: 0\n" + bump);
     EXPECT_EQ(helper.PacketSize(), expected);
   }
-  // At the top it stays there, without a word about it.
-  SendAndReport();
-  EXPECT_EQ(Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); }),
-            "[Talyvane] waiting for ACK!\nTallyvane ACK status: 0\n");
-  EXPECT_EQ(helper.PacketSize(), 64);
   // A report beyond the last sent block is taken as a missed acknowledgement, once.
   SendAndReport(100);
-  const int reported = helper.State().lastAckedBlock;
+  const std::string both = std::to_string(helper.State().lastAckedBlock);
   const auto slept = clock.Slept();
   out = Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); });
   EXPECT_EQ(Count(out, "************************************* Debug: Possible missed ACK?\n"), 1u);
-  const std::string both = std::to_string(reported);
   EXPECT_NE(out.find("Last Acked: [" + both + "], last sent: [" + both + "]\n"), std::string::npos);
-  EXPECT_EQ(helper.State().lastSentBlock, reported);
-  // One 30 ms poll for the report, one 250 ms pause before the second round.
-  EXPECT_EQ(clock.Slept() - slept, 30ms + 250ms);
+  EXPECT_EQ(std::to_string(helper.State().lastSentBlock), both);
+  EXPECT_EQ(clock.Slept() - slept, 30ms + 250ms) << "one 30 ms poll for the report, one pause before the second round";
 }
 
-TEST_F(LinkTest, NewerImageIsAnnouncedThenSentInChunksFromTheBoardsPosition) {
-  // Larger than one checksum piece, so the sum is carried across pieces.
-  Bytes image(200000);
-  std::mt19937 random(7);
-  for (auto& b : image) b = static_cast<std::uint8_t>(random());
-  const auto path = dir.Write("tallyvane-7.bin", std::string(image.begin(), image.end()));
-  ASSERT_EQ(Check(), 1);
-  EXPECT_EQ(clock.Sleeps(), 1);
-  ASSERT_EQ(sentByCheck.size(), 2u);
-  EXPECT_EQ(sentByCheck[0][1], kRequestUpdateInfo);
-  UpdateAvailable announce;
-  ASSERT_EQ(announce.Unpack(reinterpret_cast<const char*>(sentByCheck[1].data()), sentByCheck[1].size()), 0);
-  EXPECT_EQ(announce.Version(), 7);
-  std::uint16_t sum = 256, whole = 0, none = 0;  // the byte sum, subtracted from 256, in 16 bits
-  for (auto b : image) sum = static_cast<std::uint16_t>(sum - b);
-  EXPECT_EQ(announce.Hash(), sum);
-  Stdout([&] { whole = Tallyvane::tallyvane_checksum(reinterpret_cast<const char*>(image.data()), image.size()); });
-  EXPECT_EQ(whole, sum);
-  EXPECT_EQ((Stdout([&] { none = Tallyvane::tallyvane_checksum("", 0); }), none), 256);
-  EXPECT_EQ(announce.Chunks(), image.size());
-  EXPECT_TRUE(helper.HaveUpdateFile());
-  const auto send = [&](int at, int result) {
-    return Stderr([&] { EXPECT_EQ(helper.SendFirmwareBlock(at), result) << at; });
-  };
-  EXPECT_EQ(send(1000, 1), "");
-  EXPECT_EQ(SentBlockData(), Bytes(image.begin() + 1000, image.begin() + 1064));
-  EXPECT_EQ(send(199970, 1),
-            "Chunk #[199970] extends past file (length [200000]), this should be the last chunk!\n"
-            "Couldn't read full [64] bytes into chunk, only read [30] bytes.\n");
-  EXPECT_EQ(SentBlockData(), Bytes(image.end() - 30, image.end()));
-  EXPECT_EQ(send(200000, 1),
-            "Chunk #[200000] extends past file (length [200000]), this should be the last chunk!\n"
-            "Couldn't read full [64] bytes into chunk, only read [0] bytes.\n");
-  EXPECT_TRUE(SentBlockData().empty());
-  EXPECT_EQ(send(200001, 0),
-            "Calculated chunk start of [200001] which is larger than the firmware file... aborting update.\n");
-  // Each chunk reopens the image. A chunk that ends exactly at the end is not announced as running past it.
-  image.resize(1000);
-  dir.Write("tallyvane-7.bin", std::string(image.begin(), image.end()));
-  EXPECT_EQ(send(936, 1), "");
-  EXPECT_EQ(SentBlockData(), Bytes(image.begin() + 936, image.end()));
-  std::filesystem::remove(path);
-  send(0, 0);
-  EXPECT_TRUE(Sent().empty());
-}
-
-TEST_F(LinkTest, NoAnswerOrAnImageNotNewerThanTheBoardOrNoImageMeansNoUpdate) {
-  dir.Write("tallyvane-5.bin", "abc");
-  EXPECT_EQ(Check(), 0);
-  EXPECT_EQ(lastOut.find("Checksum"), std::string::npos);
-  EXPECT_EQ(helper.PackageVersion(), 5);
-  std::filesystem::remove(dir / "tallyvane-5.bin");
-  dir.Write("board-version", "garbage");  // the board's version is unknown too
-  EXPECT_EQ(Check(), 0);
-  EXPECT_EQ(sentByCheck.size(), 1u) << "nothing announced";
-  EXPECT_FALSE(helper.HaveUpdateFile());
-  // A board that never answers: 102 polls, 100 ms apart.
+// A board that never answers costs 102 polls 100 ms apart; an image no newer than the board's, or none, is no
+// update; a newer one is announced with its byte sum, then sent in chunks from the positions the board names.
+TEST_F(LinkTest, UpdateCheckAnnouncesOnlyANewerImageAndChunksAreReadAtTheBoardsPositions) {
   Updater::Testing::FakeClock quiet;
   Tallyvane unanswered{dir / "no-device", quiet};
   EXPECT_EQ(Stdout([&] { EXPECT_EQ(unanswered.CheckForUpdate(), 0); }),
@@ -373,6 +264,50 @@ TEST_F(LinkTest, NoAnswerOrAnImageNotNewerThanTheBoardOrNoImageMeansNoUpdate) {
             "info status, not updating\033[0m\n");
   EXPECT_EQ(quiet.Sleeps(), 102);
   EXPECT_EQ(quiet.Slept(), 102 * 100ms);
+  dir.Write("tallyvane-5.bin", "abc");
+  EXPECT_EQ(Check(), 0);
+  EXPECT_EQ(lastOut.find("Checksum"), std::string::npos);
+  EXPECT_EQ(helper.PackageVersion(), 5);
+  EXPECT_EQ(clock.Sleeps(), 1);
+  Bytes image(200000);  // larger than one checksum piece, so the sum is carried across pieces
+  for (std::size_t i = 0; i < image.size(); ++i) image[i] = static_cast<std::uint8_t>(i * 7 + i / 251);
+  const auto path = dir.Write("tallyvane-7.bin", std::string(image.begin(), image.end()));
+  ASSERT_EQ(Check(), 1);
+  ASSERT_EQ(sentByCheck.size(), 2u);
+  EXPECT_EQ(sentByCheck[0][1], kRequestUpdateInfo);
+  UpdateAvailable announce;
+  ASSERT_EQ(announce.Unpack(reinterpret_cast<const char*>(sentByCheck[1].data()), sentByCheck[1].size()), 0);
+  std::uint16_t sum = 256, whole = 0, none = 0;  // the byte sum, subtracted from 256, in 16 bits
+  for (auto b : image) sum = static_cast<std::uint16_t>(sum - b);
+  EXPECT_TRUE(announce.Version() == 7 && announce.Hash() == sum && announce.Chunks() == image.size());
+  Stdout([&] { whole = Tallyvane::tallyvane_checksum(reinterpret_cast<const char*>(image.data()), image.size()); });
+  EXPECT_TRUE(whole == sum && (Stdout([&] { none = Tallyvane::tallyvane_checksum("", 0); }), none) == 256);
+  EXPECT_TRUE(helper.HaveUpdateFile());
+  const auto send = [&](int at, int result) { return Stderr([&] { EXPECT_EQ(helper.SendFirmwareBlock(at), result) << at; }); };
+  const auto past = [](int at, int read) {
+    return "Chunk #[" + std::to_string(at) + "] extends past file (length [200000]), this should be the last chunk!\n"
+           "Couldn't read full [64] bytes into chunk, only read [" + std::to_string(read) + "] bytes.\n";
+  };
+  const auto chunk = [&](int at, const std::string& warning) {
+    EXPECT_EQ(send(at, 1), warning);
+    return SentBlockData();
+  };
+  EXPECT_EQ(chunk(1000, ""), Bytes(image.begin() + 1000, image.begin() + 1064));
+  EXPECT_EQ(chunk(199970, past(199970, 30)), Bytes(image.end() - 30, image.end()));
+  EXPECT_TRUE(chunk(200000, past(200000, 0)).empty());
+  EXPECT_EQ(send(200001, 0), "Calculated chunk start of [200001] which is larger than the firmware file... aborting update.\n");
+  // Each chunk reopens the image. A chunk that ends exactly at the end is not announced as running past it.
+  image.resize(1000);
+  dir.Write("tallyvane-7.bin", std::string(image.begin(), image.end()));
+  EXPECT_EQ(chunk(936, ""), Bytes(image.begin() + 936, image.end()));
+  std::filesystem::remove(path);
+  send(0, 0);
+  EXPECT_TRUE(Sent().empty());
+  std::filesystem::remove(dir / "tallyvane-5.bin");
+  dir.Write("board-version", "garbage");  // the board's version is unknown too
+  EXPECT_EQ(Check(), 0);
+  EXPECT_EQ(sentByCheck.size(), 1u) << "nothing announced";
+  EXPECT_FALSE(helper.HaveUpdateFile());
 }
 
 }  // namespace

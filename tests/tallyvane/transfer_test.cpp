@@ -32,7 +32,7 @@ std::string ReadAll(const std::string& path) {
 // Calls `done` until it is true (at most `limit`); true when it was.
 template <class Done>
 bool WaitUntil(Done done, std::chrono::milliseconds limit) {
-  for (auto end = std::chrono::steady_clock::now() + limit; !done(); std::this_thread::sleep_for(std::chrono::microseconds(200)))
+  for (auto end = std::chrono::steady_clock::now() + limit; !done(); std::this_thread::sleep_for(200us))
     if (std::chrono::steady_clock::now() > end) return false;
   return true;
 }
@@ -42,18 +42,14 @@ bool WaitUntil(Done done, std::chrono::milliseconds limit) {
 // library is in use (handlers run before the destructors of statics built earlier).
 Tallyvane* gExitHelper = nullptr;
 std::thread* gExitReader = nullptr;
-
-class RealClockStoppingReaderAtExit : public Updater::Clock {
- public:
+struct RealClockStoppingReaderAtExit : Updater::Clock {
   time_point Now() override { return Updater::SystemClock().Now(); }
   void Sleep(std::chrono::nanoseconds d) override {
     // Every wait for a block's acknowledgement sleeps at least once, after the block went out.
-    if (!registered_.exchange(true)) std::atexit([] { gExitHelper->StopReader(), gExitReader->join(); });
+    if (!registered.exchange(true)) std::atexit([] { gExitHelper->StopReader(), gExitReader->join(); });
     Updater::SystemClock().Sleep(d);
   }
-
- private:
-  std::atomic<bool> registered_{false};
+  std::atomic<bool> registered{false};
 };
 
 // The machine reads the board's last report (no next position) as a failure and
@@ -67,14 +63,13 @@ TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
   setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir / "downlink").c_str(), 1);
   setenv("QUORVEX_TALLYVANE_VERSION_FILE", (dir / "board-version").c_str(), 1);
   const std::string uplink = dir / "uplink", log = dir / "sim.log";
-  auto sim_command = Updater::Testing::CommandFor(
-      TALLYVANE_SIM_BIN, {"--uplink", uplink, "--downlink", dir / "downlink", "--out", dir / "received.bin",
-                          "--version-file", dir / "board-version", "--board-version", "3"});
-  auto argv = sim_command.ExecArgv();
+  auto command = Updater::Testing::CommandFor(TALLYVANE_SIM_BIN, {"--uplink", uplink, "--downlink", dir / "downlink",
+      "--out", dir / "received.bin", "--version-file", dir / "board-version", "--board-version", "3"});
+  auto argv = command.ExecArgv();
   const pid_t sim = fork();
   if (sim == 0) {
     dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-    execvp(sim_command.program.c_str(), argv.data());
+    execvp(command.program.c_str(), argv.data());
     _exit(127);
   }
   ASSERT_GT(sim, 0);
@@ -85,8 +80,7 @@ TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
           RealClockStoppingReaderAtExit clock;
           Tallyvane helper(uplink, clock);
           std::thread reader([&] { helper.RunReader(); });
-          gExitHelper = &helper;
-          gExitReader = &reader;
+          (gExitHelper = &helper, gExitReader = &reader);
           Updater::SM::UpdateMachine machine;
           machine.SetHelper(&helper);
           machine.start();
@@ -109,12 +103,20 @@ TEST(TallyvaneReader, TakesAFullReadWholeAndSurvivesAWriterThatKeepsReconnecting
   ASSERT_EQ(mkfifo(device.c_str(), 0600), 0);
   Updater::Testing::FakeClock clock;  // keeps progress lines and "ouch" reminders out
   Tallyvane helper(device, clock);
-  const int out = open((dir / "out").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  std::vector<std::uint8_t> burst;  // whole frames, the update information last
+  auto append = [&](const VYRCam::Packet& packet) {
+    burst.insert(burst.end(), {0xAA, 0xA9});
+    burst.resize(burst.size() + static_cast<std::size_t>(packet.Length()));
+    packet.Pack(burst.data() + burst.size() - packet.Length());
+  };
+  append(VYRCam::UpdateError());
+  for (int i = 0; i < 111; ++i) append(VYRCam::DatalinkPacketAck(static_cast<std::uint8_t>(i), true));
+  append(VYRCam::UpdateInfo(7, 3, 64, 2));
+  ASSERT_EQ(burst.size(), 1024u);
   std::fflush(stdout);
-  const int console = dup(STDOUT_FILENO);
+  const int out = open((dir / "out").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), console = dup(1);
   dup2(out, STDOUT_FILENO);
-  // Only a short tail of the output is kept, so that our own memory stays flat too.
-  std::string tail;
+  std::string tail;  // only a short tail of the output is kept, so that our own memory stays flat too
   std::size_t reopens = 0, chokes = 0;
   off_t consumed = 0;
   auto reopened = [&] {
@@ -137,17 +139,6 @@ TEST(TallyvaneReader, TakesAFullReadWholeAndSurvivesAWriterThatKeepsReconnecting
     return std::make_pair(std::distance(directory_iterator("/proc/self/fd"), directory_iterator()),
                           resident * sysconf(_SC_PAGESIZE) / 1024);
   };
-  std::vector<std::uint8_t> burst;  // whole frames, the update information last
-  auto append = [&](const VYRCam::Packet& packet) {
-    burst.insert(burst.end(), {0xAA, 0xA9});
-    burst.resize(burst.size() + static_cast<std::size_t>(packet.Length()));
-    packet.Pack(burst.data() + burst.size() - packet.Length());
-  };
-  append(VYRCam::UpdateError());
-  for (int i = 0; i < 111; ++i) append(VYRCam::DatalinkPacketAck(static_cast<std::uint8_t>(i), true));
-  append(VYRCam::UpdateInfo(7, 3, 64, 2));
-  ASSERT_EQ(burst.size(), 1024u);
-
   std::thread reader([&] { helper.RunReader(); });
   close(connect());
   EXPECT_TRUE(WaitUntil([&] { return reopened() == 1; }, 5000ms));
@@ -167,9 +158,7 @@ TEST(TallyvaneReader, TakesAFullReadWholeAndSurvivesAWriterThatKeepsReconnecting
   helper.StopReader();
   reader.join();
   std::fflush(stdout);
-  dup2(console, STDOUT_FILENO);
-  close(console);
-  close(out);
+  dup2(console, STDOUT_FILENO), close(console), close(out);
   EXPECT_EQ(reopens, 2000u);
   EXPECT_EQ(last.first, first.first);
 #ifndef __SANITIZE_THREAD__  // ThreadSanitizer keeps its own record of every descriptor it has seen
