@@ -17,7 +17,6 @@ namespace {
 
 using namespace Updater::SM;
 using ::testing::EndsWith;
-using ::testing::HasSubstr;
 
 class ScriptedHelper : public Updater::Helpers::UpdateHelper {
  public:
@@ -53,68 +52,50 @@ void RunMachine(ScriptedHelper& helper) {
   machine.SetHelper(&helper);
   machine.start();
 }
-
 std::string Captured(const std::function<void()>& f) {
   testing::internal::CaptureStdout();
   f();
   return testing::internal::GetCapturedStdout();
 }
-
-std::string RunUpdate(ScriptedHelper& helper) {
-  return Captured([&] { RunMachine(helper); });
-}
+std::string RunUpdate(ScriptedHelper& helper) { return Captured([&] { RunMachine(helper); }); }
 
 const std::string kDoneTail =
     "Exited: WaitingForAck\nEntered: Updating_UpdateDone\nExited: Updating_UpdateDone\nExited: Updating\n"
     "Action: done_updating\nEntered: UpdateDone\n";
 
+// Odd answers the machine takes as they come, in one two-block run.
 TEST(UpdateMachine, TwoBlockRunTraceLineByLine) {
   ScriptedHelper h;
-  h.check = -7;  // any non-zero answer means an update
-  h.first = 5;
+  h.check = -7;         // any non-zero answer means an update
+  h.haveFile = false;   // ignored on purpose: the helper reports it
+  h.first = -1;         // no error; shown unsigned, then signed
   h.acks = {0, 3};
-  h.nexts = {0};  // position 0 is a block like any other
+  h.nexts = {0};        // position 0 is a block like any other
   EXPECT_EQ(RunUpdate(h),
             "Entered: UpdateInit\n> CheckForUpdate()\n          Update needed, initiating...\nExited: UpdateInit\n"
             "Entered: Updating\n> HaveUpdateFile()\nEntered: DeterminingFirstBlock\n> GetFirstUpdateBlock()\n"
-            "                First:5\nReady with block #5\nExited: DeterminingFirstBlock\nAction: send_block\n"
-            "Entered: SendingBlock: 5\n> SendFirmwareBlock(5)\nExited: SendingBlock\nEntered: WaitingForAck: 5\n"
-            "> WaitForAck(5)\n> GetNextFirmwareBlock()\nReady with block #0\nExited: WaitingForAck\n"
-            "Action: send_block\nEntered: SendingBlock: 0\n> SendFirmwareBlock(0)\nExited: SendingBlock\n"
-            "Entered: WaitingForAck: 0\n> WaitForAck(0)\n" + kDoneTail);
+            "                First:4294967295\nReady with block #-1\nExited: DeterminingFirstBlock\n"
+            "Action: send_block\nEntered: SendingBlock: -1\n> SendFirmwareBlock(-1)\nExited: SendingBlock\n"
+            "Entered: WaitingForAck: 4294967295\n> WaitForAck(4294967295)\n> GetNextFirmwareBlock()\n"
+            "Ready with block #0\nExited: WaitingForAck\nAction: send_block\nEntered: SendingBlock: 0\n"
+            "> SendFirmwareBlock(0)\nExited: SendingBlock\nEntered: WaitingForAck: 0\n> WaitForAck(0)\n" + kDoneTail);
 }
 
 // What the helper's answers make the machine do, call by call.
 TEST(UpdateMachine, AnswersAndTheCallsThatFollow) {
+  ScriptedHelper none, again;
+  none.check = 0;
+  EXPECT_EQ(RunUpdate(none), "Entered: UpdateInit\n> CheckForUpdate()\n          Update not needed, exiting...\n"
+                             "Exited: UpdateInit\nEntered: UpdateDone\n");
+  // Status 1 three times: the same block four times, each announced.
+  again.first = 9, again.acks = {1, 1, 1};
+  EXPECT_THAT(RunUpdate(again), EndsWith("> WaitForAck(9)\nReady with block #9\nExited: WaitingForAck\n"
+                                         "Action: send_block\nEntered: SendingBlock: 9\n> SendFirmwareBlock(9)\n"
+                                         "Exited: SendingBlock\nEntered: WaitingForAck: 9\n> WaitForAck(9)\n" +
+                                         kDoneTail));
   const std::string begin = "CheckForUpdate()\nHaveUpdateFile()\nGetFirstUpdateBlock()\n";
-  const struct {
-    int check, first;
-    bool haveFile;
-    std::deque<int> acks;
-    std::string calls, out;  // out: the end of the trace
-  } rows[] = {
-      {0, 0, true, {}, "CheckForUpdate()\n",
-       "Entered: UpdateInit\n> CheckForUpdate()\n          Update not needed, exiting...\nExited: UpdateInit\n"
-       "Entered: UpdateDone\n"},
-      // The machine ignores a missing file on purpose: the helper reports it.
-      {1, 0, false, {}, begin + "SendFirmwareBlock(0)\nWaitForAck(0)\n", kDoneTail},
-      // Status 1 three times: the same block four times, each announced.
-      {1, 9, true, {1, 1, 1}, begin + "SendFirmwareBlock(9)\nWaitForAck(9)\nSendFirmwareBlock(9)\nWaitForAck(9)\n"
-       "SendFirmwareBlock(9)\nWaitForAck(9)\nSendFirmwareBlock(9)\nWaitForAck(9)\n",
-       "> WaitForAck(9)\nReady with block #9\nExited: WaitingForAck\nAction: send_block\nEntered: SendingBlock: 9\n"
-       "> SendFirmwareBlock(9)\nExited: SendingBlock\nEntered: WaitingForAck: 9\n> WaitForAck(9)\n" + kDoneTail},
-      // A negative first block is no error; it is shown unsigned, then signed.
-      {1, -1, true, {}, begin + "SendFirmwareBlock(-1)\nWaitForAck(4294967295)\n",
-       "First:4294967295\nReady with block #-1\nExited: DeterminingFirstBlock\nAction: send_block\n"
-       "Entered: SendingBlock: -1\n> SendFirmwareBlock(-1)\nExited: SendingBlock\nEntered: WaitingForAck: 4294967295\n"
-       "> WaitForAck(4294967295)\n" + kDoneTail},
-  };
-  for (const auto& row : rows) {
-    ScriptedHelper h;
-    h.check = row.check, h.first = row.first, h.haveFile = row.haveFile, h.acks = row.acks;
-    EXPECT_THAT(RunUpdate(h), EndsWith(row.out));
-    EXPECT_EQ(h.calls, row.calls);
-  }
+  const std::string block9 = "SendFirmwareBlock(9)\nWaitForAck(9)\n";
+  EXPECT_EQ(again.calls, begin + block9 + block9 + block9 + block9);
   // Any other status: the machine rests where it is, silently.
   for (int status : {2, 4, -1, 0x7fffffff}) {
     ScriptedHelper h;
@@ -134,29 +115,12 @@ TEST(UpdateMachine, RefusedEvents) {
     LendHelper(machine, &h);
     Captured([&] { machine.start(); });
     auto& sub = machine.get_state<Updating&>();
-    const std::string calls = h.calls;
+    // Exactly these lines: no marker, so nothing more was asked of the helper.
     EXPECT_EQ(Captured([&] { sub.process_event(block_sent{3}), machine.process_event(update_needed{}); }),
               "UpdaterSub_:: no transition from state 1 on event N7Updater2SM10block_sentE\n"
               "updaterMSM:: no transition from state 1 on event N7Updater2SM13update_neededE\n");
     EXPECT_EQ(sub.current_state()[0], 1);
     EXPECT_EQ(machine.current_state()[0], 1);
-    EXPECT_EQ(h.calls, calls);  // nothing more was asked of the helper
-  }
-  {  // posted from an entry while the sub-machine is busy: queued, and meets SendingBlock (2)
-    struct PostsStray : ScriptedHelper {
-      Updating* sub = nullptr;
-      int SendFirmwareBlock(int block) override {
-        sub->process_event(no_update{});
-        return ScriptedHelper::SendFirmwareBlock(block);
-      }
-    } h;
-    updaterMSM machine;
-    LendHelper(machine, &h);
-    h.sub = &machine.get_state<Updating&>();
-    const auto out = Captured([&] { machine.start(); });
-    EXPECT_THAT(out, HasSubstr("> SendFirmwareBlock(0)\nUpdaterSub_:: no transition from state 2 on event "
-                               "N7Updater2SM9no_updateE\nExited: SendingBlock\n"));
-    EXPECT_THAT(out, EndsWith("Entered: UpdateDone\n"));
   }
   {  // finished: UpdateDone (3) refuses everything, the sub-machine stays in its exit point
     ScriptedHelper h;
@@ -200,9 +164,7 @@ TEST(UpdateMachineDeathTest, ErrorExitsAndExceptions) {
   struct ThrowsAtCheck : ScriptedHelper {
     int CheckForUpdate() override { throw std::runtime_error("boom"); }
   } atCheck;
-  struct ThrowsInt : ScriptedHelper {
-    int WaitForAck(unsigned) override { throw -1; }
-  } intInLoop;
+  struct ThrowsInt : ScriptedHelper { int WaitForAck(unsigned) override { throw -1; } } intInLoop;
   testing::internal::CaptureStdout();
   EXPECT_THROW(RunMachine(atCheck), std::runtime_error);
   EXPECT_THROW(RunMachine(intInLoop), int);

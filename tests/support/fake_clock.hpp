@@ -1,12 +1,10 @@
 // A Clock whose sleeps return at once and move its time forward instead.
 // Safe to share between a reader thread and an update thread.
 #pragma once
-
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <thread>
-
 #include "common/clock.hpp"
 
 namespace Updater::Testing {
@@ -15,22 +13,17 @@ class FakeClock : public Updater::Clock {
  public:
   time_point Now() override { return time_point(std::chrono::nanoseconds(now_ns_.load())); }
   steady_point Monotonic() override { return steady_point(std::chrono::nanoseconds(now_ns_.load())); }
-
   void Sleep(std::chrono::nanoseconds d) override {
-    sleeps_.fetch_add(1);
-    slept_ns_.fetch_add(d.count());
-    now_ns_.fetch_add(d.count());
-    std::this_thread::yield();
+    sleeps_.fetch_add(1), slept_ns_.fetch_add(d.count()), Advance(d);
+    std::this_thread::yield();  // lets the other thread run, as a real sleep would
   }
-
   void Advance(std::chrono::nanoseconds d) { now_ns_.fetch_add(d.count()); }
   int Sleeps() const { return sleeps_.load(); }
   std::chrono::nanoseconds Slept() const { return std::chrono::nanoseconds(slept_ns_.load()); }
 
  private:
   // Starts well after the epoch so that "now minus a start point" is never negative.
-  std::atomic<std::int64_t> now_ns_{std::chrono::nanoseconds(std::chrono::hours(24 * 365 * 50)).count()};
-  std::atomic<std::int64_t> slept_ns_{0};
+  std::atomic<std::int64_t> now_ns_{std::chrono::nanoseconds(std::chrono::hours(24 * 365 * 50)).count()}, slept_ns_{0};
   std::atomic<int> sleeps_{0};
 };
 

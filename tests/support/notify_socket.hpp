@@ -3,12 +3,10 @@
 // a sender never finds its queue full. Take() returns what arrived since the
 // last call.
 #pragma once
-
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
-
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -24,7 +22,8 @@ class NotifySocket {
   explicit NotifySocket(std::string path) : path(std::move(path)) {
     sockaddr_un address{AF_UNIX, {}};
     std::strncpy(address.sun_path, this->path.c_str(), sizeof address.sun_path - 1);
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) throw std::runtime_error("bind " + this->path);
+    if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+      throw std::runtime_error("bind " + this->path);
     reader_ = std::thread([this] {
       for (pollfd p{fd_, POLLIN, 0}; !stop_; p.revents = 0)
         if (poll(&p, 1, 20) > 0) Drain();
@@ -34,9 +33,7 @@ class NotifySocket {
   std::vector<std::string> Take() {
     Drain();
     std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<std::string> taken;
-    taken.swap(messages_);
-    return taken;
+    return std::move(messages_);  // and leaves it empty
   }
   const std::string path;
 

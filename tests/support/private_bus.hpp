@@ -3,10 +3,10 @@
 // child started afterwards) at it, so the host's bus is never touched; it stops
 // the daemon by pid and restores the variable when it goes.
 #pragma once
-
 #include <optional>
 #include <string>
 #include <vector>
+#include "temp_dir.hpp"
 
 namespace Updater::Testing {
 
@@ -15,14 +15,11 @@ class PrivateBus {
   PrivateBus();  // throws std::runtime_error when the daemon does not come up
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
-
-  // A scratch directory that lives as long as the bus.
-  const std::string& Dir() const { return dir_; }
-  // Ends the daemon at once, as a crash would; whoever is connected loses the bus.
-  void Kill();
+  const std::string& Dir() const { return dir_.path(); }  // a scratch directory that lives as long as the bus
+  void Kill();  // ends the daemon at once, as a crash would; whoever is connected loses the bus
 
  private:
-  std::string dir_;
+  TempDir dir_;
   int pid_ = -1;
   std::optional<std::string> oldAddress_;
 };
@@ -31,11 +28,9 @@ class PrivateBus {
 // once camd's name is on the bus; throws std::runtime_error when it never is.
 class CamdSimProcess {
  public:
-  CamdSimProcess(const std::string& binary, const std::vector<std::string>& args,
-                 const std::string& workDir);
+  CamdSimProcess(const std::string& binary, const std::vector<std::string>& args, const std::string& workDir);
   ~CamdSimProcess();  // SIGTERM, then reaps it
   CamdSimProcess(const CamdSimProcess&) = delete;
-
   std::string Out() const;  // what it wrote so far on standard output
   std::string Log() const;  // ... and on standard error
 

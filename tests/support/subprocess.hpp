@@ -1,6 +1,5 @@
 // Runs a program as a real child process and collects what it wrote.
 #pragma once
-
 #include <chrono>
 #include <functional>
 #include <string>
@@ -10,43 +9,38 @@
 namespace Updater::Testing {
 
 struct ProcessResult {
-  std::string out;       // everything written to standard output
-  std::string err;       // everything written to standard error
-  int exitStatus = -1;   // WEXITSTATUS when it exited, else -1
-  int termSignal = 0;    // the signal that ended it, else 0
-  bool timedOut = false; // killed by us because `timeout` ran out or `stopWhen` said so
+  std::string out, err;   // everything written to standard output and to standard error
+  int exitStatus = -1;    // WEXITSTATUS when it exited, else -1
+  int termSignal = 0;     // the signal that ended it, else 0
+  bool timedOut = false;  // killed by us because `timeout` ran out or `stopWhen` said so
   std::chrono::milliseconds elapsed{0};
 };
 
 struct ProcessOptions {
   std::vector<std::pair<std::string, std::string>> env;  // added to (or replacing in) our environment
-  std::vector<std::string> unsetEnv;
   std::chrono::milliseconds timeout{60000};
-  // Polled as output arrives: returning true kills the child (SIGTERM) and returns.
+  // Polled as output arrives: returning true ends the child (SIGTERM) and returns.
   std::function<bool(const std::string& out, const std::string& err)> stopWhen;
-  std::string argv0;  // when not empty, passed as argv[0] instead of the path
+  std::string argv0;          // when not empty, passed as argv[0] instead of the path
   bool closedStdout = false;  // nobody reads standard output: writes to it fail with EPIPE
 };
 
-// What to exec for `path` with `args`: the path itself, or, when the binaries
+// What to exec for `path` with `args`: the path itself or, when the binaries
 // were built for another machine, the emulator named in FWU_TEST_EMULATOR
-// (whitespace-separated, e.g. "qemu-aarch64 -L /"; the build's own emulator
-// when unset) with the path after it. `argv0`, when not empty, is what the
-// program sees as argv[0].
+// (words, e.g. "qemu-aarch64 -L /"; the build's own emulator when unset)
+// with the path after it. `argv0`, when not empty, is the program's argv[0].
 struct Command {
   std::string program;
   std::vector<std::string> argv;
   std::vector<char*> ExecArgv() {  // execvp(program.c_str(), ExecArgv().data()), while *this lives
-    std::vector<char*> v;
-    for (auto& a : argv) v.push_back(a.data());
-    v.push_back(nullptr);
+    std::vector<char*> v{nullptr};
+    for (auto& a : argv) v.insert(v.end() - 1, a.data());
     return v;
   }
 };
 Command CommandFor(const std::string& path, const std::vector<std::string>& args, const std::string& argv0 = "");
 
-// The firmware-updater under test: FWU_TEST_UPDATER when set (an installed
-// copy), else the one this tree built.
+// The firmware-updater under test: FWU_TEST_UPDATER (an installed copy) when set, else this tree's.
 std::string UpdaterBinary();
 
 // Runs `path` with `args` (argv[1..]). Never throws on the child's failure.
