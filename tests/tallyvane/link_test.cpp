@@ -100,13 +100,6 @@ class LinkTest : public testing::Test {
     std::cout << std::dec;
     return result;
   }
-  Bytes SentBlockData() {  // of the one block sent since the last call
-    const auto sent = Sent();
-    FirmwareBlock block;
-    EXPECT_TRUE(sent.size() == 1 && block.Unpack(reinterpret_cast<const char*>(sent[0].data()), sent[0].size()) == 0);
-    AckEverything();
-    return Bytes(block.Data().begin(), block.Data().end());
-  }
   Updater::Testing::TempDir dir;
   int tap = -1;
   std::string lastOut;
@@ -284,9 +277,13 @@ TEST_F(LinkTest, UpdateCheckAnnouncesOnlyANewerImageAndChunksAreReadAtTheBoardsP
     return "Chunk #[" + std::to_string(at) + "] extends past file (length [200000]), this should be the last chunk!\n"
            "Couldn't read full [64] bytes into chunk, only read [" + std::to_string(read) + "] bytes.\n";
   };
-  const auto chunk = [&](int at, const std::string& warning) {
+  const auto chunk = [&](int at, const std::string& warning) {  // the data of the one block it sends
     EXPECT_EQ(send(at, 1), warning);
-    return SentBlockData();
+    const auto sent = Sent();
+    FirmwareBlock block;
+    EXPECT_TRUE(sent.size() == 1 && block.Unpack(reinterpret_cast<const char*>(sent[0].data()), sent[0].size()) == 0);
+    AckEverything();
+    return Bytes(block.Data().begin(), block.Data().end());
   };
   EXPECT_EQ(chunk(1000, ""), Bytes(image.begin() + 1000, image.begin() + 1064));
   EXPECT_EQ(chunk(199970, past(199970, 30)), Bytes(image.end() - 30, image.end()));
