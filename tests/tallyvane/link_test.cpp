@@ -189,7 +189,7 @@ TEST_F(LinkTest, ReadsAreCutIntoFramesResynchroniseOnTheSyncBytesAndUpdateTheLin
 // Packets that want an acknowledgement queue behind the one on the wire; only the oldest is resent, once it
 // has waited more than 3 s; sequences wrap at 256. The acknowledgement wait adapts the packet size.
 TEST_F(LinkTest, SendPathQueuesResendsWrapsSequencesAndTheAckWaitAdaptsThePacketSize) {
-  RequestUpdateInfo request; ClearPendingUpdate clear; DatalinkPacketAck noAck(1, true);  // never waits behind the queue
+  RequestUpdateInfo request; ClearPendingUpdate clear; DatalinkPacketAck noAck(1, true);  // never queued
   EXPECT_EQ((std::vector<bool>{helper.SendPacket(request), helper.SendPacket(clear), helper.SendPacket(noAck)}),
             (std::vector<bool>{true, false, true}));
   const auto sent = Sent();
