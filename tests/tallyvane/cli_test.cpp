@@ -1,6 +1,5 @@
-// `firmware-updater tallyvane` as a real process, on the real clock. The
-// board's frames are read only after the machine has run, so the check for
-// update information always waits out its ten seconds. Its data device is a
+// `firmware-updater tallyvane` as a real process, on the real clock. The board's frames are read only after the
+// machine has run, so the check for update information always waits out its ten seconds. Its data device is a
 // FIFO of ours (QUORVEX_TALLYVANE_DATA), never the host's.
 #include <fcntl.h>
 #include <signal.h>

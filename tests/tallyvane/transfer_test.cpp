@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <tuple>
 
 #include "fake_clock.hpp"
 #include "helpers/tallyvane/tallyvane.hpp"
@@ -37,9 +38,8 @@ bool WaitUntil(Done done, std::chrono::milliseconds limit) {
   return true;
 }
 
-// The machine's exit(-1) must not tear down the control library's statics under
-// the receive loop: the loop is joined from an atexit handler registered once the
-// library is in use (handlers run before the destructors of statics built earlier).
+// The machine's exit(-1) must not tear down the control library's statics under the receive loop: the loop is
+// joined from an atexit handler registered once the library is in use (run before earlier statics' destructors).
 Tallyvane* gExitHelper = nullptr;
 std::thread* gExitReader = nullptr;
 struct RealClockStoppingReaderAtExit : Updater::Clock {
@@ -52,8 +52,8 @@ struct RealClockStoppingReaderAtExit : Updater::Clock {
   std::atomic<bool> registered{false};
 };
 
-// The machine reads the board's last report (no next position) as a failure and
-// takes its error exit, so it runs in a child and the image is checked here.
+// The machine reads the board's last report (no next position) as a failure and takes its error exit, so it
+// runs in a child and the image is checked here.
 TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
   Updater::Testing::TempDir dir;
   std::string image;  // not a multiple of the chunk size, so the last chunk is a short one
@@ -90,8 +90,7 @@ TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
     WaitUntil([&] { return ended = ended || waitpid(sim, nullptr, WNOHANG) == sim; }, 3s);
   }
   if (!ended) kill(sim, SIGTERM), waitpid(sim, nullptr, 0);
-  EXPECT_NE(ReadAll(log).find("VERDICT ok bytes=1000"), std::string::npos) << ReadAll(log);
-  EXPECT_EQ(ReadAll(dir / "received.bin"), image);
+  EXPECT_EQ(ReadAll(dir / "received.bin"), image) << ReadAll(log);
 }
 
 // The receive loop alone on a real FIFO, its lines counted from a file of ours as they come. A writer that comes
@@ -159,15 +158,13 @@ TEST(TallyvaneReader, TakesAFullReadWholeAndSurvivesAWriterThatKeepsReconnecting
   reader.join();
   std::fflush(stdout);
   dup2(console, STDOUT_FILENO), close(console), close(out);
-  EXPECT_EQ(reopens, 2000u);
-  EXPECT_EQ(last.first, first.first);
+  EXPECT_EQ(std::make_tuple(reopens, chokes, last.first, helper.State().flashSector),
+            std::make_tuple(std::size_t{2000}, std::size_t{0}, first.first, 2));
 // ThreadSanitizer keeps its own record of every descriptor it has seen, and
 // under qemu-user the resident size is the emulator's, translations included.
 #if !defined(__SANITIZE_THREAD__) && !defined(FWU_EMULATED)
   EXPECT_LE(last.second, first.second + 256) << "kB";
 #endif
-  EXPECT_EQ(helper.State().flashSector, 2);
-  EXPECT_EQ(chokes, 0u);
 }
 
 }  // namespace
