@@ -168,7 +168,7 @@ TEST_F(PlatformTest, DownlinkGetsOneWholeFramePerCallFromAnyThreadAndFailsQuickl
   EXPECT_EQ(QelArmControl::Send_Dl_Us_Raw(5, nullptr, 3), 0);
   Bytes expected{0xAA, 0xA9, 5, 3, 0, 1, 2, 3, 0xAA, 0xA9, 200, 1, 0, 0x42, 0xAA, 0xA9, 5,
                  static_cast<std::uint8_t>(big.size() & 0xFF), static_cast<std::uint8_t>(big.size() >> 8)};
-  expected.insert(expected.end(), big.begin(), big.end());
+  expected.resize(expected.size() + big.size(), 0x5C);  // `big`; an insert trips g++ 12's array-bounds check on armhf
   EXPECT_EQ(drain(), expected);
   close(reader);
   EXPECT_EQ(Send({2}), 0) << "a reader that has gone raises SIGPIPE; we must still be here";
