@@ -21,7 +21,7 @@ ProcessResult RunUpdater(const ProcessOptions& options = {}) { return RunProcess
 TEST_F(CameraEndToEndTest, WholeRuns) {
   const auto image = RandomBytes(5000, 13);  // 78 chunks of 64 and one of 8
   AddPackage(3, image);
-  const std::string crc = Hex(ReferenceCrc(image)), closing = kYellow + "Exiting firmware-updater ..." + kReset;
+  const std::string crc = ReferenceCrc(image), closing = kYellow + "Exiting firmware-updater ..." + kReset;
   const std::string errorExit = "Entered: Updating_ErrorExit\n", notNeeded = "          Update not needed, exiting...\n"
                                                                             "Exited: UpdateInit\nEntered: UpdateDone\n" + closing;
   // sim: none for camd absent; has: on standard output or error, or camd-sim's

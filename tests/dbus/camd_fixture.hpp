@@ -17,6 +17,7 @@
 
 #include "fake_clock.hpp"
 #include "private_bus.hpp"
+#include "temp_dir.hpp"
 
 namespace Updater::Testing {
 
@@ -40,12 +41,12 @@ inline std::string WriteFile(const std::string& path, const std::vector<unsigned
       .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   return path;
 }
-// CRC-16/CCITT-FALSE spelled out here (poly 0x1021, init 0xFFFF, no reflection, no final XOR), not taken from the code under test.
-inline unsigned ReferenceCrc(const std::vector<unsigned char>& bytes) {
+// CRC-16/CCITT-FALSE in lower-case hex, spelled out here (poly 0x1021, init 0xFFFF, no reflection, no final XOR).
+inline std::string ReferenceCrc(const std::vector<unsigned char>& bytes) {
   boost::crc_optimal<16, 0x1021, 0xFFFF, 0, false, false> crc;
-  return crc.process_bytes(bytes.data(), bytes.size()), crc.checksum();
+  char text[8];
+  return crc.process_bytes(bytes.data(), bytes.size()), std::snprintf(text, sizeof text, "%x", crc.checksum()), text;
 }
-inline std::string Hex(unsigned value) { char text[16]; std::snprintf(text, sizeof text, "%x", value); return text; }
 
 // What `f` wrote on standard output and error.
 struct Captured { std::string out, err; };
@@ -60,13 +61,10 @@ class CamdBusTest : public ::testing::Test {
   static void SetUpTestSuite() { bus_ = std::make_unique<PrivateBus>(); }
   static void TearDownTestSuite() { bus_.reset(); }
   void SetUp() override {
-    // The update check leaves std::cout hexadecimal; every test starts decimal.
-    std::cout.flags(std::ios::dec | std::ios::skipws);
-    fwDir_ = bus_->Dir() + "/fw-" + ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::create_directories(fwDir_);
+    std::cout.flags(std::ios::dec | std::ios::skipws);  // the update check leaves it hexadecimal
     setenv("QUORVEX_FIRMWARE_DIR", fwDir_.c_str(), 1), setenv("QUORVEX_LOCK_DIR", fwDir_.c_str(), 1);
   }
-  void TearDown() override { unsetenv("QUORVEX_FIRMWARE_DIR"), unsetenv("QUORVEX_LOCK_DIR"); }  // the directory goes with the bus
+  void TearDown() override { unsetenv("QUORVEX_FIRMWARE_DIR"), unsetenv("QUORVEX_LOCK_DIR"); }
 
   void StartSim(const std::vector<std::string>& args) {  // the service name is free before the next one asks for it
     sim_.reset(), sim_ = std::make_unique<CamdSimProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir());
@@ -74,15 +72,15 @@ class CamdBusTest : public ::testing::Test {
   std::size_t SimCalls(const std::string& method) const {  // calls of `method` that the simulator has answered so far
     return CountOf(sim_->Log(), "]: " + method + " ") + CountOf(sim_->Log(), "]: " + method + "\n");
   }
-  // A camera package for region 0; returns its path.
-  std::string AddPackage(int version, const std::vector<unsigned char>& bytes) {
+  std::string AddPackage(int version, const std::vector<unsigned char>& bytes) {  // for region 0; returns its path
     return WriteFile(fwDir_ + "/camera-region0-" + std::to_string(version) + ".bin", bytes);
   }
   std::string OutPath() const { return fwDir_ + "/received.bin"; }
 
   static inline std::unique_ptr<PrivateBus> bus_;
+  const TempDir fw_;  // outlives the simulator, which may write into it
+  const std::string fwDir_ = fw_.path();
   std::unique_ptr<CamdSimProcess> sim_;
-  std::string fwDir_;
   FakeClock clock_;
 };
 
