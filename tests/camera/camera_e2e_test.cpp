@@ -120,13 +120,13 @@ TEST_F(CameraEndToEndTest, RunsForOneCameraTakeTurns) {
   StartSim({"--out=" + OutPath()});
   const auto second = RandomBytes(900, 2);
   AddPackage(3, RandomBytes(1000, 1));
-  std::filesystem::create_directories(fwDir_ + "/other");
-  WriteFile(fwDir_ + "/other/camera-region0-4.bin", second);
+  const TempDir other;
+  WriteFile(other / "camera-region0-4.bin", second);
   ProcessResult a, b;
   std::thread one([&] { a = RunUpdater(); });
   std::this_thread::sleep_for(500ms);  // well inside the first run's transfer
   ProcessOptions options;
-  options.env = {{"QUORVEX_FIRMWARE_DIR", fwDir_ + "/other"}};
+  options.env = {{"QUORVEX_FIRMWARE_DIR", other.path()}};
   options.closedStdout = true;
   b = RunUpdater(options);
   one.join();

@@ -64,7 +64,9 @@ class CamdBusTest : public ::testing::Test {
     std::cout.flags(std::ios::dec | std::ios::skipws);  // the update check leaves it hexadecimal
     setenv("QUORVEX_FIRMWARE_DIR", fwDir_.c_str(), 1), setenv("QUORVEX_LOCK_DIR", fwDir_.c_str(), 1);
   }
-  void TearDown() override { unsetenv("QUORVEX_FIRMWARE_DIR"), unsetenv("QUORVEX_LOCK_DIR"); }
+  void TearDown() override {
+    for (const char* name : {"QUORVEX_FIRMWARE_DIR", "QUORVEX_LOCK_DIR", "QUORVEX_STALL_SECONDS", "NOTIFY_SOCKET"}) unsetenv(name);
+  }
 
   void StartSim(const std::vector<std::string>& args) {  // the service name is free before the next one asks for it
     sim_.reset(), sim_ = std::make_unique<CamdSimProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir());

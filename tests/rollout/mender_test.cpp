@@ -29,9 +29,8 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
   if (access("/usr/bin/mender", X_OK) != 0 || access("/usr/bin/mender-artifact", X_OK) != 0)
     GTEST_SKIP() << "mender-client and mender-artifact are not installed (scripts/test installs them)";
   const std::string source = FWU_SOURCE_DIR "/support/mender/", package = fwDir_ + "/camera-region0-3.bin";
-  std::ofstream(bus_->Dir() + "/artifact_info") << "artifact_name=factory\n";
   SystemFile module("/usr/share/mender/modules/v3/camera-firmware", source + "camera-firmware");
-  SystemFile artifactInfo("/etc/mender/artifact_info", bus_->Dir() + "/artifact_info");
+  SystemFile artifactInfo("/etc/mender/artifact_info", fw_.Write("artifact_info", "artifact_name=factory\n"));
   const auto image = RandomBytes(3000, 5);
   const std::string imagePath = WriteFile(bus_->Dir() + "/image.bin", image);
   // Reaches the module and through it the updater.
