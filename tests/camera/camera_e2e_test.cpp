@@ -121,7 +121,7 @@ TEST_F(CameraEndToEndTest, RunsForOneCameraTakeTurns) {
   const auto second = RandomBytes(900, 2);
   AddPackage(3, RandomBytes(1000, 1));
   const TempDir other;
-  WriteFile(other / "camera-region0-4.bin", second);
+  other.Write("camera-region0-4.bin", second);
   ProcessResult a, b;
   std::thread one([&] { a = RunUpdater(); });
   std::this_thread::sleep_for(500ms);  // well inside the first run's transfer

@@ -26,23 +26,18 @@ inline std::size_t CountOf(const std::string& text, const std::string& needle) {
   for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
   return count;
 }
-inline std::vector<unsigned char> RandomBytes(std::size_t n, unsigned seed) {
+inline std::string RandomBytes(std::size_t n, unsigned seed) {
   std::mt19937 gen(seed);
-  std::vector<unsigned char> bytes(n);
-  for (auto& b : bytes) b = static_cast<unsigned char>(gen());
+  std::string bytes(n, '\0');
+  for (auto& b : bytes) b = static_cast<char>(gen());
   return bytes;
 }
-inline std::vector<unsigned char> ReadFile(const std::string& path) {
+inline std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
 }
-inline std::string WriteFile(const std::string& path, const std::vector<unsigned char>& bytes) {  // returns the path
-  std::ofstream(path, std::ios::binary | std::ios::trunc)
-      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  return path;
-}
 // CRC-16/CCITT-FALSE in lower-case hex, spelled out here (poly 0x1021, init 0xFFFF, no reflection, no final XOR).
-inline std::string ReferenceCrc(const std::vector<unsigned char>& bytes) {
+inline std::string ReferenceCrc(const std::string& bytes) {
   boost::crc_optimal<16, 0x1021, 0xFFFF, 0, false, false> crc;
   char text[8];
   return crc.process_bytes(bytes.data(), bytes.size()), std::snprintf(text, sizeof text, "%x", crc.checksum()), text;
@@ -74,8 +69,8 @@ class CamdBusTest : public ::testing::Test {
   std::size_t SimCalls(const std::string& method) const {  // calls of `method` that the simulator has answered so far
     return CountOf(sim_->Log(), "]: " + method + " ") + CountOf(sim_->Log(), "]: " + method + "\n");
   }
-  std::string AddPackage(int version, const std::vector<unsigned char>& bytes) {  // for region 0; returns its path
-    return WriteFile(fwDir_ + "/camera-region0-" + std::to_string(version) + ".bin", bytes);
+  std::string AddPackage(int version, const std::string& bytes) {  // for region 0; returns its path
+    return fw_.Write("camera-region0-" + std::to_string(version) + ".bin", bytes);
   }
   std::string OutPath() const { return fwDir_ + "/received.bin"; }
 
