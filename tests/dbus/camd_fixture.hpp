@@ -6,9 +6,7 @@
 #include <boost/crc.hpp>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iostream>
 #include <memory>
 #include <random>

@@ -62,11 +62,11 @@ TEST_F(CamdBusTest, CallsTriesAndReplyTypes) {
   const auto run = Capture([&] {
     version = camd.GetCameraFirmwareVersion(), chunks = camd.GetPreviouslyDownloadedChunks(), region = camd.GetFlashRegion();
   });
-  EXPECT_EQ(run.out, "Asking camd for firmware version\nAsking camd for downloaded chunks\n");
-  EXPECT_EQ(std::make_tuple(version, region, chunks), std::make_tuple(-1, 3, 0));  // five errors: five tries; four: the fifth's answer
   const std::string injected = "Dbus::Error: injected failure of ";
-  EXPECT_EQ(std::make_tuple(CountOf(run.err, injected + "GetCameraFirmwareVersion\n"), CountOf(run.err, injected + "GetFlashRegion\n"),
-                            CountOf(run.err, "Dbus::Error: ")), std::make_tuple(5u, 4u, 9u)) << run.err;
+  std::string errors;  // five errors: five tries; four: the fifth's answer
+  for (int i = 0; i < 9; ++i) errors += injected + (i < 5 ? "GetCameraFirmwareVersion\n" : "GetFlashRegion\n");
+  EXPECT_EQ(std::make_tuple(run.out, run.err, version, region, chunks),
+            std::make_tuple("Asking camd for firmware version\nAsking camd for downloaded chunks\n", errors, -1, 3, 0));
   // camd-sim registers `iii` and `iay`; the bus refuses a body of other types.
   EXPECT_TRUE(camd.SendUpdateAvailable(5, 0xFFFF, 0) && camd.SendUpdateAvailable(-2, 0, 2147483647) &&
               camd.SendFirmwareBlock(0, {}) && camd.SendFirmwareBlock(-1, {0x00, 0xff, 0x80}));

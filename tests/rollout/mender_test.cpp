@@ -36,8 +36,7 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
   std::ofstream(imagePath, std::ios::binary) << image;
   // Reaches the module and through it the updater.
   ProcessOptions env;
-  env.env = {{"PATH", fs::path(FWU_UPDATER_BIN).parent_path().string() + ":" + std::getenv("PATH")},
-             {"QUORVEX_LOCK_DIR", bus_->Dir()}};
+  env.env = {{"PATH", fs::path(FWU_UPDATER_BIN).parent_path().string() + ":" + std::getenv("PATH")}};
 
   const struct { std::vector<std::string> sim, cameras; std::string deviceType; int status; std::string logHas; } rows[] = {
       {{"--camera=0", "--camera=03"}, {"0", "03"}, "camera-box", 0, "doesn't support rollback. Committing immediately."},
