@@ -68,11 +68,9 @@ TEST_F(CameraEndToEndTest, FaultMatrix) {
     SCOPED_TRACE(trace);
     EXPECT_EQ(std::make_tuple(r.exitStatus, r.termSignal, r.elapsed < 15s), std::make_tuple(status, 0, true)) << r.out << r.err;
     if (r.exitStatus == 0 && r.out.find("Checksum:") != std::string::npos) { EXPECT_EQ(ReadFile(OutPath()), image); }
-    std::filesystem::remove(OutPath());
-    StartSim({"--out=" + OutPath()});
+    StartSim({});
     EXPECT_EQ(RunUpdater().exitStatus, 0);
     EXPECT_EQ(ReadFile(OutPath()), image);
-    std::filesystem::remove(OutPath());
   };
 
   StartSim({});
@@ -83,8 +81,8 @@ TEST_F(CameraEndToEndTest, FaultMatrix) {
   const auto nth = [&](const std::string& what) { return CountOf(log.substr(0, log.find(call + what)), call) + 1; };
   const std::size_t versionRead = nth("GetCameraFirmwareVersion"), complete = nth("WaitForAck -> 3"), calls = CountOf(log, call);
   ASSERT_LT(complete, calls);
-  for (std::size_t n = 1; n <= calls + 2; ++n) {  // check() leaves no output file behind
-    StartSim({"--exit-after=" + std::to_string(n), "--out=" + OutPath()});
+  for (std::size_t n = 1; n <= calls + 2; ++n) {
+    StartSim({"--exit-after=" + std::to_string(n)});
     check("camd exits on call " + std::to_string(n), RunUpdater(), n <= versionRead || n > complete ? 0 : 255);
   }
 
@@ -97,7 +95,7 @@ TEST_F(CameraEndToEndTest, FaultMatrix) {
   AddPackage(3, image = RandomBytes(20000, 22));  // long enough to be cut in the middle
   for (const auto& kill : kills) {
     auto bus = std::make_unique<PrivateBus>();
-    StartSim({kill.sim, "--out=" + OutPath()});
+    StartSim({kill.sim});
     ProcessOptions options;
     bool killed = false;
     options.stopWhen = [&](const std::string& out, const std::string&) {
@@ -113,7 +111,7 @@ TEST_F(CameraEndToEndTest, FaultMatrix) {
 
 // Two runs for one camera at once, the second writing into a pipe nobody reads: they take turns, each delivering its own image.
 TEST_F(CameraEndToEndTest, RunsForOneCameraTakeTurns) {
-  StartSim({"--out=" + OutPath()});
+  StartSim({});
   AddPackage(3, RandomBytes(1000, 1));
   const TempDir other;
   const std::string second = RandomBytes(900, 2);

@@ -6,6 +6,7 @@
 #include <boost/crc.hpp>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -61,8 +62,9 @@ class CamdBusTest : public ::testing::Test {
     for (const char* name : {"QUORVEX_FIRMWARE_DIR", "QUORVEX_LOCK_DIR", "QUORVEX_STALL_SECONDS", "NOTIFY_SOCKET"}) unsetenv(name);
   }
 
-  void StartSim(const std::vector<std::string>& args) {  // the service name is free before the next one asks for it
-    sim_.reset(), sim_ = std::make_unique<CamdSimProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir());
+  void StartSim(std::vector<std::string> args) {  // writing what it receives to OutPath(); the old one frees the name
+    sim_.reset(), std::filesystem::remove(OutPath()), args.push_back("--out=" + OutPath());
+    sim_ = std::make_unique<CamdSimProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir());
   }
   std::size_t SimCalls(const std::string& method) const {  // calls of `method` that the simulator has answered so far
     return CountOf(sim_->Log(), "]: " + method + " ") + CountOf(sim_->Log(), "]: " + method + "\n");

@@ -53,8 +53,7 @@ TEST_F(CamdBusTest, CallsTriesAndReplyTypes) {
     std::unique_ptr<Helpers::VyrCamera> c;
     EXPECT_EQ(Capture([&] { c = std::make_unique<Helpers::VyrCamera>(index, clock_); }).out,
               index == "0" && !before ? "Initializing dbus-cxx\n" : "dbus-cxx already initialized\n");
-    EXPECT_EQ(c->Proxy().Path(), "/com/quorvex/common/Camd1/Camera" + index);
-    EXPECT_TRUE(c->Proxy().SendUpdateAvailable(4, 0, 0)) << index;  // camd answers there
+    EXPECT_TRUE(c->Proxy().SendUpdateAvailable(4, 0, 0) && CountOf(sim_->Log(), "[" + index + "]: SendUpdateAvailable")) << index;
   }
   Helpers::VyrCamera camera("0", clock_);
   auto& camd = camera.Proxy();
@@ -252,7 +251,6 @@ TEST_F(CamdBusTest, WholeUpdatesArriveIntact) {
     const std::string path = AddPackage(3, image);
     auto args = row.sim;
     for (auto& arg : args) arg += arg == "--preload=" ? path : "";  // camd holds the image up to the position it names
-    args.push_back("--out=" + OutPath());
     StartSim(args);
     ReplacedAfterCheck camera("0", clock_);
     if (row.replaceImage)
@@ -270,14 +268,14 @@ TEST_F(CamdBusTest, WholeUpdatesArriveIntact) {
     // Rising acknowledged bytes up to the last chunk's, a line a second besides the last, each extending the start time-out.
     const auto status = notify.Take();
     EXPECT_TRUE(status.size() >= (row.length > 64 ? 2u : 1u) && long(status.size()) <= 2 + (clock_.Now() - started) / 1s) << status.size();
-    long long done = -1, last = -1;
+    long long last = -1;
     for (const auto& line : status) {
-      EXPECT_EQ(std::sscanf(line.c_str(), "STATUS=camera 0: %lld/", &done), 1) << line;
+      const long long done = std::stoll(line.substr(line.find(": ") + 2));  // the whole line is compared next
       EXPECT_EQ(line, "STATUS=camera 0: " + std::to_string(done) + "/" + std::to_string(row.length) + " bytes (" +
                           std::to_string(row.length ? done * 100 / row.length : 100) + "%)\nEXTEND_TIMEOUT_USEC=330000000");
       EXPECT_GT(done, std::exchange(last, done));
     }
-    EXPECT_EQ(done, row.length);
+    EXPECT_EQ(last, row.length);
   }
   // Within a second only the line that completes the transfer goes out, and only once.
   ProgressNotifier progress("camera 7", clock_);
