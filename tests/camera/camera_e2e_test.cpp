@@ -28,8 +28,7 @@ TEST_F(CameraEndToEndTest, WholeRuns) {
                  std::size_t dbusErrors; const char* stallSeconds = nullptr; } rows[] = {
       {{"--version=2"}, 0, 0, {"File version: 3\nAsking camd for firmware version\nCam version: 2\nChecksum:" + crc +
        "\nThis file [1388] contains [1388] chunks of [40]\n          Update needed, initiating...\n",
-       "Entered: SendingBlock: 1380\nThis block: [1380], blockSize: [40]\n",
-       "Couldn't read full [64] bytes into chunk, only read [8] bytes.\n", "VERDICT ok camera=0 bytes=5000 crc=" + crc},
+       "Entered: SendingBlock: 1380\nThis block: [1380], blockSize: [40]\n", "VERDICT ok camera=0 bytes=5000 crc=" + crc},
        "camd ACK status: 3\nExited: WaitingForAck\nEntered: Updating_UpdateDone\nExited: Updating_UpdateDone\n"
        "Exited: Updating\nAction: done_updating\nEntered: UpdateDone\n" + closing, 0},
       {{"--fail-send=3"}, 255, 0, {}, "Exited: SendingBlock\n" + errorExit, 0},
@@ -45,9 +44,8 @@ TEST_F(CameraEndToEndTest, WholeRuns) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.sim.empty() ? "camd absent" : row.sim[0]);
     row.sim.empty() ? sim_.reset() : StartSim(row.sim);
-    ProcessOptions options;
-    if (row.stallSeconds) options.env = {{"QUORVEX_STALL_SECONDS", row.stallSeconds}};
-    const auto r = RunUpdater(options);
+    row.stallSeconds ? setenv("QUORVEX_STALL_SECONDS", row.stallSeconds, 1) : unsetenv("QUORVEX_STALL_SECONDS");
+    const auto r = RunUpdater();
     EXPECT_EQ(std::make_tuple(r.exitStatus, r.termSignal, CountOf(r.err, "Dbus::Error")),
               std::make_tuple(row.status, row.signal, row.dbusErrors)) << r.out << r.err;
     EXPECT_EQ(r.out.rfind(kYellow + "Update target selected as camera" + kReset + "Initializing dbus-cxx\nEntered: UpdateInit\n", 0), 0u);

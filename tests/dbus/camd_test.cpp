@@ -146,14 +146,14 @@ TEST_F(CamdBusTest, AckWaitAdaptsThePacketSize) {
   }
 }
 
-// What the update check decides and announces, and the stall limit on the check and on the block loop.
-TEST_F(CamdBusTest, UpdateCheckAndStallLimit) {
+// What the update check decides and announces, the first block, and the stall limit on the check and on the block loop.
+TEST_F(CamdBusTest, UpdateCheckFirstBlockAndStallLimit) {
   ASSERT_EQ(ReferenceCrc("123456789"), "29b1");  // the catalogue check value
   const auto large = RandomBytes(3 * 65536 + 1234, 42);  // several checksum pieces, ending mid-piece
   const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- ", reset = "\033[0m\n";
   // out: found on standard output or error; sends: of a block loop after the check, when any; images past the large one are sparse
   const struct { std::vector<std::string> sim; std::uintmax_t imageBytes; const char* stallSeconds; int update; std::string out;
-                 std::size_t infoPolls; int sends; std::chrono::milliseconds slept; } rows[] = {
+                 std::size_t infoPolls; int sends; std::chrono::milliseconds slept; int first = 0; std::size_t firstCalls = 1; } rows[] = {
       // Not newer. Asked twice: the comparison uses the first answer, the log the second.
       {{"--version=2"}, 100, nullptr, 0, "Asking camd for firmware version\nFile version: 2\nAsking camd for firmware version\n"
        "Cam version: 2\n", 1, 0, 0s},
@@ -167,6 +167,10 @@ TEST_F(CamdBusTest, UpdateCheckAndStallLimit) {
       {{"--info-false=forever"}, 100, "5", 0, "Error asking camd for update info status, not updating\n", 50, 0, 5s},  // 50 polls
       // Every chunk lost: three rounds of ten polls (2 s each) pass a 5 s limit.
       {{"--loss-rate=1"}, 1000, "5", 1, red + "No progress for 6 s, at block [0]; giving up the update" + reset, 1, 3, 6s},
+      // Not yet: ten polls, 200 ms apart. An error on the third poll ends them with the last answer, and no retry.
+      {{"--first=-1"}, 100, nullptr, 1, "Checksum:", 1, 0, 2s, -1, 10},
+      {{"--first=-1", "--error=GetFirstUpdateBlock@3"}, 100, nullptr, 1, "Dbus::Error: injected failure of GetFirstUpdateBlock\n",
+       1, 0, 400ms, -1, 3},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.out);
@@ -175,31 +179,25 @@ TEST_F(CamdBusTest, UpdateCheckAndStallLimit) {
     row.stallSeconds ? setenv("QUORVEX_STALL_SECONDS", row.stallSeconds, 1) : unsetenv("QUORVEX_STALL_SECONDS");
     FakeClock clock;
     Helpers::VyrCamera camera("0", clock);
-    int update = -1, sends = 0;
+    int update = -1, sends = 0, first = 1;
     const auto run = Capture([&] {
       update = camera.CheckForUpdate();
-      for (int block = camera.GetFirstUpdateBlock(); row.sends && camera.SendFirmwareBlock(block); ++sends) camera.WaitForAck(0);
+      for (int block = first = camera.GetFirstUpdateBlock(); row.sends && camera.SendFirmwareBlock(block); ++sends) camera.WaitForAck(0);
     });
     EXPECT_THAT(run.out + run.err, ::testing::HasSubstr(row.out));
-    EXPECT_EQ(std::make_tuple(update, SimCalls("UpdateInfoReceived"), SimCalls("SendUpdateAvailable"), sends, clock.Slept() / 1ms),
-              std::make_tuple(row.update, row.infoPolls, std::size_t(row.update), row.sends, row.slept.count()));
+    // Position 0 is a real answer: one call, no pause. Asked once, however many polls.
+    EXPECT_EQ(std::make_tuple(update, SimCalls("UpdateInfoReceived"), SimCalls("SendUpdateAvailable"), sends, clock.Slept() / 1ms,
+                              first, SimCalls("GetFirstUpdateBlock"), CountOf(run.out, "Asking camd for first update block (really)\n")),
+              std::make_tuple(row.update, row.infoPolls, std::size_t(row.update), row.sends, row.slept.count(), row.first,
+                              row.firstCalls, 1u));
   }
 }
 
-TEST_F(CamdBusTest, FirstBlockAndBlockReadsAtTheEdgesOfTheFile) {
-  StartSim({"--first=-1", "--error=GetFirstUpdateBlock@13"});
+TEST_F(CamdBusTest, BlockReadsAtTheEdgesOfTheFile) {
+  StartSim({});
   AddPackage(2, RandomBytes(1000, 7));
   Helpers::VyrCamera camera("0", clock_);
-  int first = 0;
-  const auto firstBlock = [&] { return std::make_tuple(first, SimCalls("GetFirstUpdateBlock"), clock_.Slept() / 1ms); };
-  EXPECT_EQ(Capture([&] { first = camera.GetFirstUpdateBlock(); }).out, "Asking camd for first update block (really)\n");
-  EXPECT_EQ(firstBlock(), std::make_tuple(-1, 10u, 2000l));
-  // The third poll meets an error: the last answer, with no retry.
-  EXPECT_EQ(Capture([&] { first = camera.GetFirstUpdateBlock(); }).err, "Dbus::Error: injected failure of GetFirstUpdateBlock\n");
-  EXPECT_EQ(firstBlock(), std::make_tuple(-1, 13u, 2400l));
-  StartSim({});
-  Capture([&] { EXPECT_EQ(camera.CheckForUpdate(), 1); first = camera.GetFirstUpdateBlock(); });
-  EXPECT_EQ(firstBlock(), std::make_tuple(0, 1u, 2400l));  // position 0 is a real answer: one call, no pause
+  Capture([&] { EXPECT_EQ(camera.CheckForUpdate(), 1); });  // which opens the image
   const std::string past = "extends past file (length [1000]), this should be the last chunk!\n",
                     shortRead = "Couldn't read full [64] bytes into chunk, only read [";
   const struct { int block, packet, result, sent; std::string out, err; } rows[] = {  // sent: bytes camd receives, or -1
