@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -17,6 +16,7 @@
 
 #include "fake_clock.hpp"
 #include "private_bus.hpp"
+#include "temp_dir.hpp"
 
 namespace Updater::Testing {
 
@@ -25,27 +25,22 @@ inline std::size_t CountOf(const std::string& text, const std::string& needle) {
   for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
   return count;
 }
-inline std::vector<unsigned char> RandomBytes(std::size_t n, unsigned seed) {
+inline std::string RandomBytes(std::size_t n, unsigned seed) {
   std::mt19937 gen(seed);
-  std::vector<unsigned char> bytes(n);
-  for (auto& b : bytes) b = static_cast<unsigned char>(gen());
+  std::string bytes(n, '\0');
+  for (auto& b : bytes) b = static_cast<char>(gen());
   return bytes;
 }
-inline std::vector<unsigned char> ReadFile(const std::string& path) {
+inline std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
 }
-inline std::string WriteFile(const std::string& path, const std::vector<unsigned char>& bytes) {  // returns the path
-  std::ofstream(path, std::ios::binary | std::ios::trunc)
-      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  return path;
-}
-// CRC-16/CCITT-FALSE spelled out here (poly 0x1021, init 0xFFFF, no reflection, no final XOR), not taken from the code under test.
-inline unsigned ReferenceCrc(const std::vector<unsigned char>& bytes) {
+// CRC-16/CCITT-FALSE in lower-case hex, spelled out here (poly 0x1021, init 0xFFFF, no reflection, no final XOR).
+inline std::string ReferenceCrc(const std::string& bytes) {
   boost::crc_optimal<16, 0x1021, 0xFFFF, 0, false, false> crc;
-  return crc.process_bytes(bytes.data(), bytes.size()), crc.checksum();
+  char text[8];
+  return crc.process_bytes(bytes.data(), bytes.size()), std::snprintf(text, sizeof text, "%x", crc.checksum()), text;
 }
-inline std::string Hex(unsigned value) { char text[16]; std::snprintf(text, sizeof text, "%x", value); return text; }
 
 // What `f` wrote on standard output and error.
 struct Captured { std::string out, err; };
@@ -60,29 +55,29 @@ class CamdBusTest : public ::testing::Test {
   static void SetUpTestSuite() { bus_ = std::make_unique<PrivateBus>(); }
   static void TearDownTestSuite() { bus_.reset(); }
   void SetUp() override {
-    // The update check leaves std::cout hexadecimal; every test starts decimal.
-    std::cout.flags(std::ios::dec | std::ios::skipws);
-    fwDir_ = bus_->Dir() + "/fw-" + ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::create_directories(fwDir_);
+    std::cout.flags(std::ios::dec | std::ios::skipws);  // the update check leaves it hexadecimal
     setenv("QUORVEX_FIRMWARE_DIR", fwDir_.c_str(), 1), setenv("QUORVEX_LOCK_DIR", fwDir_.c_str(), 1);
   }
-  void TearDown() override { unsetenv("QUORVEX_FIRMWARE_DIR"), unsetenv("QUORVEX_LOCK_DIR"); }  // the directory goes with the bus
+  void TearDown() override {
+    for (const char* name : {"QUORVEX_FIRMWARE_DIR", "QUORVEX_LOCK_DIR", "QUORVEX_STALL_SECONDS", "NOTIFY_SOCKET"}) unsetenv(name);
+  }
 
-  void StartSim(const std::vector<std::string>& args) {  // the service name is free before the next one asks for it
-    sim_.reset(), sim_ = std::make_unique<CamdSimProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir());
+  void StartSim(std::vector<std::string> args) {  // writing what it receives to OutPath(); the old one frees the name
+    sim_.reset(), std::filesystem::remove(OutPath()), args.push_back("--out=" + OutPath());
+    sim_ = std::make_unique<CamdSimProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir());
   }
   std::size_t SimCalls(const std::string& method) const {  // calls of `method` that the simulator has answered so far
     return CountOf(sim_->Log(), "]: " + method + " ") + CountOf(sim_->Log(), "]: " + method + "\n");
   }
-  // A camera package for region 0; returns its path.
-  std::string AddPackage(int version, const std::vector<unsigned char>& bytes) {
-    return WriteFile(fwDir_ + "/camera-region0-" + std::to_string(version) + ".bin", bytes);
+  std::string AddPackage(int version, const std::string& bytes) {  // for region 0; returns its path
+    return fw_.Write("camera-region0-" + std::to_string(version) + ".bin", bytes);
   }
   std::string OutPath() const { return fwDir_ + "/received.bin"; }
 
   static inline std::unique_ptr<PrivateBus> bus_;
+  const TempDir fw_;  // outlives the simulator, which may write into it
+  const std::string fwDir_ = fw_.path();
   std::unique_ptr<CamdSimProcess> sim_;
-  std::string fwDir_;
   FakeClock clock_;
 };
 

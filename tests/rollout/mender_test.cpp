@@ -29,15 +29,14 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
   if (access("/usr/bin/mender", X_OK) != 0 || access("/usr/bin/mender-artifact", X_OK) != 0)
     GTEST_SKIP() << "mender-client and mender-artifact are not installed (scripts/test installs them)";
   const std::string source = FWU_SOURCE_DIR "/support/mender/", package = fwDir_ + "/camera-region0-3.bin";
-  std::ofstream(bus_->Dir() + "/artifact_info") << "artifact_name=factory\n";
   SystemFile module("/usr/share/mender/modules/v3/camera-firmware", source + "camera-firmware");
-  SystemFile artifactInfo("/etc/mender/artifact_info", bus_->Dir() + "/artifact_info");
+  SystemFile artifactInfo("/etc/mender/artifact_info", fw_.Write("artifact_info", "artifact_name=factory\n"));
   const auto image = RandomBytes(3000, 5);
-  const std::string imagePath = WriteFile(bus_->Dir() + "/image.bin", image);
+  const std::string imagePath = bus_->Dir() + "/image.bin";
+  std::ofstream(imagePath, std::ios::binary) << image;
   // Reaches the module and through it the updater.
   ProcessOptions env;
-  env.env = {{"PATH", fs::path(FWU_UPDATER_BIN).parent_path().string() + ":" + std::getenv("PATH")},
-             {"QUORVEX_LOCK_DIR", bus_->Dir()}};
+  env.env = {{"PATH", fs::path(FWU_UPDATER_BIN).parent_path().string() + ":" + std::getenv("PATH")}};
 
   const struct { std::vector<std::string> sim, cameras; std::string deviceType; int status; std::string logHas; } rows[] = {
       {{"--camera=0", "--camera=03"}, {"0", "03"}, "camera-box", 0, "doesn't support rollback. Committing immediately."},
@@ -50,7 +49,7 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
     SCOPED_TRACE(row.logHas);
     fs::remove_all(fwDir_), fs::create_directories(fwDir_);
     auto args = row.sim;
-    args.insert(args.end(), {"--version=2", "--out=" + OutPath()});
+    args.push_back("--version=2");
     row.sim.empty() ? sim_.reset() : StartSim(args);  // none: camd absent
     const std::string dir = bus_->Dir() + "/mender" + std::to_string(&row - rows), artifact = dir + "/a.mender";
     fs::create_directories(dir + "/data");
@@ -69,7 +68,7 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
     EXPECT_EQ(mender({"commit"}).exitStatus, 2);
     EXPECT_EQ(mender({"show-artifact"}).out == "cam-fw-3\n", row.status == 0);
     // ArtifactFailure removes the package; for another device type the module never ran.
-    EXPECT_EQ(ReadFile(package), row.status == 0 ? image : std::vector<unsigned char>{});
+    EXPECT_EQ(ReadFile(package), row.status == 0 ? image : std::string());
     for (const auto& camera : row.status == 0 ? row.cameras : std::vector<std::string>{})
       EXPECT_EQ(ReadFile(OutPath() + "." + camera), image) << camera;
     if (sim_) { EXPECT_EQ(SimCalls("RequestUpdateInfo"), row.deviceType == "camera-box" ? row.cameras.size() : 0u); }
