@@ -49,6 +49,7 @@ void WriteImage(std::size_t bytes, int version) {
   std::ofstream(FirmwareDir() + "/camera-region0-" + std::to_string(version) + ".bin", std::ios::binary)
       .write(data.data(), static_cast<std::streamsize>(data.size()));
   setenv("QUORVEX_FIRMWARE_DIR", FirmwareDir().c_str(), 1);
+  setenv("QUORVEX_LOCK_DIR", bus->Dir().c_str(), 1);  // the camera lock goes with the bus
 }
 
 double Median(std::vector<double> v) {
