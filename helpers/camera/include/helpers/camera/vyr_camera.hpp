@@ -50,8 +50,6 @@ class VyrCamera : public UpdateHelper {
 
   CamdDbusIface& Proxy() { return *camdProxy; }
   const std::string& FirmwarePath() const { return firmwarePath; }
-  // Highest end of a chunk camd has acknowledged, in bytes.
-  std::int64_t AcknowledgedBytes() const { return ackedEnd_; }
 
  private:
   bool TakeLock();
