@@ -29,6 +29,7 @@
 #include "fake_clock.hpp"
 #include "helpers/camera/vyr_camera.hpp"
 #include "private_bus.hpp"
+#include "subprocess.hpp"
 #include "sm/update_machine.hpp"
 
 namespace {
@@ -58,7 +59,7 @@ double Median(std::vector<double> v) {
 }
 
 void BM_EmptyRoundTrip(benchmark::State& state) {
-  Updater::Testing::CamdSimProcess sim(FWU_CAMD_SIM_BIN, {"--quiet"}, bus->Dir());
+  Updater::Testing::ChildProcess sim(FWU_CAMD_SIM_BIN, {"--quiet"}, bus->Dir(), "camd-sim[*]: serving");
   // Set up as the camera helper's connection is: no event loop, each call
   // reads its own reply.
   auto connection = sdbus::createSessionBusConnection();
@@ -104,7 +105,7 @@ void BM_UpdatePerBlock(benchmark::State& state) {
   constexpr std::size_t kImage = 1 << 20;
   constexpr double kBlocks = kImage / 64.0;
   WriteImage(kImage, 2);
-  Updater::Testing::CamdSimProcess sim(FWU_CAMD_SIM_BIN, {"--quiet"}, bus->Dir());
+  Updater::Testing::ChildProcess sim(FWU_CAMD_SIM_BIN, {"--quiet"}, bus->Dir(), "camd-sim[*]: serving");
   Updater::Testing::FakeClock fake;
   double perBlockUs = 0;
   for (auto _ : state) {
@@ -151,7 +152,7 @@ void BM_UpdaterPeakRss(benchmark::State& state) {
   // (status 2 after the first block leaves the machine resting).
   std::vector<std::string> args{"--quiet"};
   if (!whole) args.push_back("--ack-status=1-:2");
-  Updater::Testing::CamdSimProcess sim(FWU_CAMD_SIM_BIN, args, bus->Dir());
+  Updater::Testing::ChildProcess sim(FWU_CAMD_SIM_BIN, args, bus->Dir(), "camd-sim[*]: serving");
   long rss = 0;
   for (auto _ : state) rss = RunUpdaterRss();
   state.counters["peak_rss_kib"] = static_cast<double>(rss);

@@ -58,11 +58,12 @@ bool Ranges::Contains(long n) const {
 }
 
 std::string Usage() {
-  return R"(Usage: camd-sim [OPTION]...
+  return R"usage(Usage: camd-sim [OPTION]...
 Serves camd's firmware interface (com.quorvex.common.Camd1.Firmware) on the
 session bus named by DBUS_SESSION_BUS_ADDRESS and behaves like a camera taking
-a firmware update. Log lines go to standard error; standard output carries
-only the verdict once the last chunk is acknowledged:
+a firmware update. Log lines go to standard error, "camd-sim[*]: serving N
+camera(s)" once its name is on the bus; standard output carries only the
+verdict once the last chunk is acknowledged:
   VERDICT ok|bad camera=IDX bytes=N crc=xxxx [expected-bytes=N expected-crc=xxxx]
 
 Camera:
@@ -75,7 +76,7 @@ Camera:
   --preload=FILE         resume: the camera already holds bytes [0, first) of FILE
   --out=FILE             write the received image to FILE (FILE.IDX with several cameras)
   --verdict=FILE         append the verdict line to FILE too
-  --quiet                log nothing per call
+  --quiet                log nothing per call (only "serving")
 
 Faults (RANGES are 1-based call numbers of that method: 3 | 3-12 | 20- | 1,4-6):
   --info-false=N|forever UpdateInfoReceived answers false for the first N polls
@@ -91,7 +92,7 @@ Faults (RANGES are 1-based call numbers of that method: 3 | 3-12 | 20- | 1,4-6):
   --slow=METHOD:MS       hold every reply of METHOD for MS milliseconds
   --exit-after=N         end the process (status 3) on receiving the N-th call
   --help                 this text
-)";
+)usage";
 }
 
 std::optional<Options> ParseOptions(const std::vector<std::string>& args, std::string& message,

@@ -46,7 +46,8 @@ class Service {
     }
     // The name goes up last: whoever sees it can call every object at once.
     connection_->requestName(Updater::Camd::kService);
-    Log("*", "serving " + std::to_string(cameras_.size()) + " camera(s)");
+    // Even when quiet: whoever started us waits for this line.
+    std::cerr << "camd-sim[*]: serving " << cameras_.size() << " camera(s)" << std::endl;
     connection_->enterEventLoop();
   }
 

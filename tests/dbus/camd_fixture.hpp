@@ -7,47 +7,24 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "fake_clock.hpp"
 #include "private_bus.hpp"
+#include "subprocess.hpp"
 #include "temp_dir.hpp"
+#include "text.hpp"
 
 namespace Updater::Testing {
 
-inline std::size_t CountOf(const std::string& text, const std::string& needle) {
-  std::size_t count = 0;
-  for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
-  return count;
-}
-inline std::string RandomBytes(std::size_t n, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::string bytes(n, '\0');
-  for (auto& b : bytes) b = static_cast<char>(gen());
-  return bytes;
-}
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
 // CRC-16/CCITT-FALSE in lower-case hex, spelled out here (poly 0x1021, init 0xFFFF, no reflection, no final XOR).
 inline std::string ReferenceCrc(const std::string& bytes) {
   boost::crc_optimal<16, 0x1021, 0xFFFF, 0, false, false> crc;
   char text[8];
   return crc.process_bytes(bytes.data(), bytes.size()), std::snprintf(text, sizeof text, "%x", crc.checksum()), text;
-}
-
-// What `f` wrote on standard output and error.
-struct Captured { std::string out, err; };
-template <class F> Captured Capture(F&& f) {
-  ::testing::internal::CaptureStdout(), ::testing::internal::CaptureStderr();
-  f();
-  return {::testing::internal::GetCapturedStdout(), ::testing::internal::GetCapturedStderr()};
 }
 
 class CamdBusTest : public ::testing::Test {
@@ -64,7 +41,7 @@ class CamdBusTest : public ::testing::Test {
 
   void StartSim(std::vector<std::string> args) {  // writing what it receives to OutPath(); the old one frees the name
     sim_.reset(), std::filesystem::remove(OutPath()), args.push_back("--out=" + OutPath());
-    sim_ = std::make_unique<CamdSimProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir());
+    sim_ = std::make_unique<ChildProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir(), "camd-sim[*]: serving");
   }
   std::size_t SimCalls(const std::string& method) const {  // calls of `method` that the simulator has answered so far
     return CountOf(sim_->Log(), "]: " + method + " ") + CountOf(sim_->Log(), "]: " + method + "\n");
@@ -77,7 +54,7 @@ class CamdBusTest : public ::testing::Test {
   static inline std::unique_ptr<PrivateBus> bus_;
   const TempDir fw_;  // outlives the simulator, which may write into it
   const std::string fwDir_ = fw_.path();
-  std::unique_ptr<CamdSimProcess> sim_;
+  std::unique_ptr<ChildProcess> sim_;
   FakeClock clock_;
 };
 

@@ -12,11 +12,13 @@
 
 #include "sm/update_machine.hpp"
 #include "sm/updater_msm.hpp"
+#include "text.hpp"
 
 namespace {
 
 using namespace Updater::SM;
 using ::testing::EndsWith;
+using Updater::Testing::Stdout;
 
 class ScriptedHelper : public Updater::Helpers::UpdateHelper {
  public:
@@ -52,12 +54,7 @@ void RunMachine(ScriptedHelper& helper) {
   machine.SetHelper(&helper);
   machine.start();
 }
-std::string Captured(const std::function<void()>& f) {
-  testing::internal::CaptureStdout();
-  f();
-  return testing::internal::GetCapturedStdout();
-}
-std::string RunUpdate(ScriptedHelper& helper) { return Captured([&] { RunMachine(helper); }); }
+std::string RunUpdate(ScriptedHelper& helper) { return Stdout([&] { RunMachine(helper); }); }
 
 const std::string kDoneTail =
     "Exited: WaitingForAck\nEntered: Updating_UpdateDone\nExited: Updating_UpdateDone\nExited: Updating\n"
@@ -113,10 +110,10 @@ TEST(UpdateMachine, RefusedEvents) {
     h.acks = {2};
     updaterMSM machine;
     LendHelper(machine, &h);
-    Captured([&] { machine.start(); });
+    Stdout([&] { machine.start(); });
     auto& sub = machine.get_state<Updating&>();
     // Exactly these lines: no marker, so nothing more was asked of the helper.
-    EXPECT_EQ(Captured([&] { sub.process_event(block_sent{3}), machine.process_event(update_needed{}); }),
+    EXPECT_EQ(Stdout([&] { sub.process_event(block_sent{3}), machine.process_event(update_needed{}); }),
               "UpdaterSub_:: no transition from state 1 on event N7Updater2SM10block_sentE\n"
               "updaterMSM:: no transition from state 1 on event N7Updater2SM13update_neededE\n");
     EXPECT_EQ(sub.current_state()[0], 1);
@@ -126,15 +123,15 @@ TEST(UpdateMachine, RefusedEvents) {
     ScriptedHelper h;
     updaterMSM machine;
     LendHelper(machine, &h);
-    Captured([&] { machine.start(); });
-    EXPECT_EQ(Captured([&] { machine.process_event(no_update{}), machine.process_event(last_block_ack{}); }),
+    Stdout([&] { machine.start(); });
+    EXPECT_EQ(Stdout([&] { machine.process_event(no_update{}), machine.process_event(last_block_ack{}); }),
               "updaterMSM:: no transition from state 3 on event N7Updater2SM9no_updateE\n"
               "updaterMSM:: no transition from state 3 on event N7Updater2SM14last_block_ackE\n");
     EXPECT_EQ(machine.get_state<Updating&>().current_state()[0], 3);
   }
   // No run posts update_error from UpdateInit; the row is there all the same.
   updaterMSM machine;
-  EXPECT_EQ(Captured([&] { machine.process_event(update_error{}), machine.process_event(update_needed{}); }),
+  EXPECT_EQ(Stdout([&] { machine.process_event(update_error{}), machine.process_event(update_needed{}); }),
             "Exited: UpdateInit\nEntered: UpdateError\n"
             "updaterMSM:: no transition from state 2 on event N7Updater2SM13update_neededE\n");
 }
@@ -165,10 +162,10 @@ TEST(UpdateMachineDeathTest, ErrorExitsAndExceptions) {
     int CheckForUpdate() override { throw std::runtime_error("boom"); }
   } atCheck;
   struct ThrowsInt : ScriptedHelper { int WaitForAck(unsigned) override { throw -1; } } intInLoop;
-  testing::internal::CaptureStdout();
-  EXPECT_THROW(RunMachine(atCheck), std::runtime_error);
-  EXPECT_THROW(RunMachine(intInLoop), int);
-  testing::internal::GetCapturedStdout();
+  Stdout([&] {
+    EXPECT_THROW(RunMachine(atCheck), std::runtime_error);
+    EXPECT_THROW(RunMachine(intInLoop), int);
+  });
 }
 
 }  // namespace

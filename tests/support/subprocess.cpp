@@ -2,13 +2,16 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace Updater::Testing {
 
@@ -76,6 +79,48 @@ ProcessResult RunProcess(const std::string& path, const std::vector<std::string>
   if (WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
   if (WIFSIGNALED(status)) result.termSignal = WTERMSIG(status);
   return result;
+}
+
+ChildProcess::ChildProcess(const std::string& path, const std::vector<std::string>& args, const std::string& workDir,
+                           const std::string& readyText) {
+  static std::atomic<int> serial{0};
+  stem_ = workDir + "/" + std::filesystem::path(path).filename().string() + "." + std::to_string(getpid()) + "." +
+          std::to_string(serial++);
+  auto command = CommandFor(path, args);
+  auto argv = command.ExecArgv();
+  if ((pid_ = fork()) < 0) throw std::runtime_error("fork failed");
+  if (pid_ == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM);  // a test that dies without its teardown must not leave it behind
+    for (const auto& [fd, ext] : {std::pair{STDOUT_FILENO, ".out"}, std::pair{STDERR_FILENO, ".log"}}) {
+      const int file = open((stem_ + ext).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (file < 0 || dup2(file, fd) < 0) _exit(126);
+    }
+    execvp(command.program.c_str(), argv.data());
+    _exit(127);
+  }
+  for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+       std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+    if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
+      pid_ = -1;
+      throw std::runtime_error(path + " exited at start: " + Log());
+    }
+    if ((Out() + Log()).find(readyText) != std::string::npos) return;
+  }
+  Stop();
+  throw std::runtime_error(path + " was not ready: " + Log());
+}
+
+ChildProcess::~ChildProcess() {
+  Stop();
+  std::error_code ignored;
+  for (const char* ext : {".out", ".log"}) std::filesystem::remove(stem_ + ext, ignored);
+}
+
+void ChildProcess::Stop() {
+  if (pid_ <= 0) return;
+  kill(pid_, SIGTERM);
+  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) continue;
+  pid_ = -1;
 }
 
 }  // namespace Updater::Testing

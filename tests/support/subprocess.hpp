@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 #include <vector>
+#include "temp_dir.hpp"  // ReadFile
 
 namespace Updater::Testing {
 
@@ -46,5 +47,22 @@ std::string UpdaterBinary();
 // Runs `path` with `args` (argv[1..]). Never throws on the child's failure.
 ProcessResult RunProcess(const std::string& path, const std::vector<std::string>& args,
                          const ProcessOptions& options = {});
+
+// `path` with `args` in the background, its standard output and error in files under `workDir`. Ready once
+// `readyText` is in either; throws std::runtime_error when it exits first or is not ready within 10 s.
+class ChildProcess {
+ public:
+  ChildProcess(const std::string& path, const std::vector<std::string>& args, const std::string& workDir,
+               const std::string& readyText);
+  ~ChildProcess();  // SIGTERM, then reaps it
+  ChildProcess(const ChildProcess&) = delete;
+  std::string Out() const { return ReadFile(stem_ + ".out"); }  // what it wrote so far on standard output
+  std::string Log() const { return ReadFile(stem_ + ".log"); }  // ... and on standard error
+
+ private:
+  void Stop();
+  int pid_ = -1;
+  std::string stem_;
+};
 
 }  // namespace Updater::Testing

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -26,5 +27,10 @@ class TempDir {
  private:
   std::string path_;
 };
+
+inline std::string ReadFile(const std::string& path) {  // all of it; empty when it cannot be read
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
 
 }  // namespace Updater::Testing

@@ -16,6 +16,7 @@
 #include "helpers/tallyvane/tallyvane.hpp"
 #include "lc/downlink_frame.hpp"
 #include "temp_dir.hpp"
+#include "text.hpp"
 #include "vyrcam/packets.hpp"
 
 namespace {
@@ -24,7 +25,7 @@ using namespace std::chrono_literals;
 using namespace VYRCam;
 using Bytes = std::vector<std::uint8_t>;
 using Updater::Helpers::Tallyvane;
-namespace capture = testing::internal;
+using namespace Updater::Testing;
 
 Bytes Frame(const Packet& packet) {  // 0xAA 0xA9 and the packed packet, as the board writes it
   Bytes out{0xAA, 0xA9};
@@ -36,20 +37,13 @@ Bytes Concat(std::initializer_list<Bytes> parts) {
   for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
   return out;
 }
-std::size_t Count(const std::string& text, const std::string& what) {
-  std::size_t n = 0;
-  for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size())) ++n;
-  return n;
-}
 std::vector<long long> Fields(const Tallyvane::LinkState& s) {  // every field, in declaration order
   return {s.updateCompleted, s.partialDlVer, s.downloadedBlocks, s.flashSector, s.haveUpdateInfo, s.firstBlock,
           s.lastReceived,    s.nextBlock,    s.blockReportReceived, s.lastSentBlock, s.lastAckedBlock};
 }
-std::string Stdout(const std::function<void()>& run) { return capture::CaptureStdout(), run(), capture::GetCapturedStdout(); }
-std::string Stderr(const std::function<void()>& run) { return capture::CaptureStderr(), run(), capture::GetCapturedStderr(); }
 
 // Lets the test act as the board while the helper waits: `onSleep` runs before each sleep returns.
-struct ScriptedClock : Updater::Testing::FakeClock {
+struct ScriptedClock : FakeClock {
   void Sleep(std::chrono::nanoseconds d) override { FakeClock::Sleep(d); if (onSleep) onSleep(); }
   std::function<void()> onSleep;
 };
@@ -100,7 +94,7 @@ class LinkTest : public testing::Test {
     std::cout << std::dec;
     return result;
   }
-  Updater::Testing::TempDir dir;
+  TempDir dir;
   int tap = -1;
   std::string lastOut;
   std::vector<Bytes> sentByCheck;
@@ -155,7 +149,7 @@ TEST_F(LinkTest, ReadsAreCutIntoFramesResynchroniseOnTheSyncBytesAndUpdateTheLin
     std::string out;
     const auto err = Stderr([&] { out = Stdout([&] { fresh.Receive(row.read.data(), row.read.size()); }); });
     SCOPED_TRACE(out + err);  // failed frames set neither the update information nor the completion
-    EXPECT_EQ(std::make_tuple(Count(out, "CHOKE\n"), fresh.State().nextBlock, Count(out + err, "Failed to Unpack"),
+    EXPECT_EQ(std::make_tuple(CountOf(out, "CHOKE\n"), fresh.State().nextBlock, CountOf(out + err, "Failed to Unpack"),
                               fresh.State().haveUpdateInfo + fresh.State().updateCompleted),
               std::make_tuple(row.chokes, row.next, std::size_t{!row.failure.empty()}, 0));
     // The dumps come first, after a red failure line; without a CHOKE only a GULP may be printed.
@@ -240,7 +234,7 @@ TEST_F(LinkTest, SendPathQueuesResendsWrapsSequencesAndTheAckWaitAdaptsThePacket
   const std::string both = std::to_string(helper.State().lastAckedBlock);
   const auto slept = clock.Slept();
   out = Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); });
-  EXPECT_EQ(Count(out, "************************************* Debug: Possible missed ACK?\n"), 1u);
+  EXPECT_EQ(CountOf(out, "************************************* Debug: Possible missed ACK?\n"), 1u);
   EXPECT_NE(out.find("Last Acked: [" + both + "], last sent: [" + both + "]\n"), std::string::npos);
   EXPECT_EQ(std::to_string(helper.State().lastSentBlock), both);
   EXPECT_EQ(clock.Slept() - slept, 30ms + 250ms) << "one 30 ms poll for the report, one pause before the second round";

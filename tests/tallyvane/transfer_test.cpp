@@ -25,11 +25,6 @@ namespace {
 using namespace std::chrono_literals;
 using Updater::Helpers::Tallyvane;
 
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 // Calls `done` until it is true (at most `limit`); true when it was.
 template <class Done>
 bool WaitUntil(Done done, std::chrono::milliseconds limit) {
@@ -62,35 +57,23 @@ TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
   setenv("QUORVEX_FIRMWARE_DIR", dir.path().c_str(), 1);
   setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir / "downlink").c_str(), 1);
   setenv("QUORVEX_TALLYVANE_VERSION_FILE", (dir / "board-version").c_str(), 1);
-  const std::string uplink = dir / "uplink", log = dir / "sim.log";
-  auto command = Updater::Testing::CommandFor(TALLYVANE_SIM_BIN, {"--uplink", uplink, "--downlink", dir / "downlink",
-      "--out", dir / "received.bin", "--version-file", dir / "board-version", "--board-version", "3"});
-  auto argv = command.ExecArgv();
-  const pid_t sim = fork();
-  if (sim == 0) {
-    dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-    execvp(command.program.c_str(), argv.data());
-    _exit(127);
-  }
-  ASSERT_GT(sim, 0);
-  bool ended = false;
-  if (WaitUntil([&] { return ReadAll(log).find("READY") != std::string::npos; }, 10s)) {
-    EXPECT_EXIT(
-        {
-          RealClockStoppingReaderAtExit clock;
-          Tallyvane helper(uplink, clock);
-          std::thread reader([&] { helper.RunReader(); });
-          (gExitHelper = &helper, gExitReader = &reader);
-          Updater::SM::UpdateMachine machine;
-          machine.SetHelper(&helper);
-          machine.start();
-          std::exit(0);
-        },
-        testing::ExitedWithCode(255), "");
-    WaitUntil([&] { return ended = ended || waitpid(sim, nullptr, WNOHANG) == sim; }, 3s);
-  }
-  if (!ended) kill(sim, SIGTERM), waitpid(sim, nullptr, 0);
-  EXPECT_EQ(ReadAll(dir / "received.bin"), image) << ReadAll(log);
+  const std::string uplink = dir / "uplink";
+  Updater::Testing::ChildProcess sim(TALLYVANE_SIM_BIN, {"--uplink", uplink, "--downlink", dir / "downlink", "--out",
+      dir / "received.bin", "--version-file", dir / "board-version", "--board-version", "3"}, dir.path(), "READY");
+  EXPECT_EXIT(
+      {
+        RealClockStoppingReaderAtExit clock;
+        Tallyvane helper(uplink, clock);
+        std::thread reader([&] { helper.RunReader(); });
+        (gExitHelper = &helper, gExitReader = &reader);
+        Updater::SM::UpdateMachine machine;
+        machine.SetHelper(&helper);
+        machine.start();
+        std::exit(0);
+      },
+      testing::ExitedWithCode(255), "");
+  WaitUntil([&] { return Updater::Testing::ReadFile(dir / "received.bin") == image; }, 3s);
+  EXPECT_EQ(Updater::Testing::ReadFile(dir / "received.bin"), image) << sim.Out();
 }
 
 // The receive loop alone on a real FIFO, its lines counted from a file of ours as they come. A writer that comes

@@ -1,0 +1,34 @@
+// What tests look for in output and files.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+#include "temp_dir.hpp"  // ReadFile
+
+namespace Updater::Testing {
+
+inline std::size_t CountOf(const std::string& text, const std::string& needle) {
+  std::size_t count = 0;
+  for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
+  return count;
+}
+inline std::string RandomBytes(std::size_t n, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::string bytes(n, '\0');
+  for (auto& b : bytes) b = static_cast<char>(gen());
+  return bytes;
+}
+
+// What `f` wrote on standard output, on standard error, on both.
+template <class F> std::string Stdout(F&& f) { return ::testing::internal::CaptureStdout(), f(), ::testing::internal::GetCapturedStdout(); }
+template <class F> std::string Stderr(F&& f) { return ::testing::internal::CaptureStderr(), f(), ::testing::internal::GetCapturedStderr(); }
+struct Captured { std::string out, err; };
+template <class F> Captured Capture(F&& f) {
+  ::testing::internal::CaptureStdout(), ::testing::internal::CaptureStderr();
+  f();
+  return {::testing::internal::GetCapturedStdout(), ::testing::internal::GetCapturedStderr()};
+}
+
+}  // namespace Updater::Testing
