@@ -1,4 +1,4 @@
-// The counter-link helper on one thread and a fake clock, the test playing the
+// The counter-link helper on one thread and a fake clock, the test (or the board simulator) playing the
 // board: frames fed one read() at a time, the downlink read back from a FIFO.
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,7 +14,9 @@
 
 #include "fake_clock.hpp"
 #include "helpers/tallyvane/tallyvane.hpp"
+#include "board.hpp"
 #include "lc/downlink_frame.hpp"
+#include "link.hpp"
 #include "temp_dir.hpp"
 #include "text.hpp"
 #include "vyrcam/packets.hpp"
@@ -295,6 +297,67 @@ TEST_F(LinkTest, UpdateCheckAnnouncesOnlyANewerImageAndChunksAreReadAtTheBoardsP
   EXPECT_EQ(Check(), 0);
   EXPECT_EQ(sentByCheck.size(), 1u) << "nothing announced";
   EXPECT_FALSE(helper.HaveUpdateFile());
+}
+
+// The helper against the board simulator, which answers whenever the helper waits, through the board's faults:
+// each costs what it names. A lost or damaged acknowledgement strands the next chunk behind the unacknowledged
+// one, and an error report ends the update; anything else is survived. The board judges the image by the
+// announced checksum, so an image replaced after the check arrives with a bad one.
+TEST_F(LinkTest, UpdatesTheSimulatedBoardThroughItsFaults) {
+  using tallyvane_sim::Options;
+  const std::string ok = "VERDICT ok bytes=1000 checksum=";
+  const struct { const char* name; void (*faults)(Options&); std::size_t chunks, chokes, gulps; std::string verdict;
+                 bool replaced = false; } rows[] = {
+      {"clean", [](Options&) {}, 16, 0, 0, ok},
+      {"split and coalesced frames", [](Options& o) { o.splitFrames = {5}, o.coalesceFrames = {6, 9}; }, 16, 0, 0, ok},
+      {"start mid-image", [](Options& o) { o.start = 600; }, 17, 0, 0, ok},  // up to the end, then from 0
+      {"report dropped", [](Options& o) { o.dropReports = {5}; }, 17, 0, 0, ok},
+      {"report corrupted", [](Options& o) { o.corruptFrames = {10}; }, 17, 15, 0, ok},
+      {"garbage before a report", [](Options& o) { o.garbageBefore = {10}; }, 17, 0, 1, ok},
+      {"acknowledgement corrupted", [](Options& o) { o.corruptFrames = {9}; }, 3, 9, 0, ""},
+      {"acknowledgement dropped", [](Options& o) { o.dropAckEvery = 5; }, 3, 0, 0, ""},
+      {"error mid-way", [](Options& o) { o.errorAfterChunks = 3; }, 3, 0, 0, ""},
+      {"image replaced after the check", [](Options&) {}, 16, 0, 0, "VERDICT bad-checksum bytes=1000", true},
+  };
+  const auto image = RandomBytes(1000, 9);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    dir.Write("tallyvane-7.bin", image);
+    std::filesystem::remove(dir / "received.bin");
+    Options options;
+    options.out = dir / "received.bin";
+    row.faults(options);
+    int uplink[2];  // the board's frames, all read at once as the receive loop would
+    ASSERT_EQ(pipe2(uplink, O_NONBLOCK | O_CLOEXEC), 0);
+    std::string said, verdict;
+    const tallyvane_sim::Say say = [&](const std::string& line) { (line.rfind("VERDICT", 0) ? said : verdict) += line; };
+    tallyvane_sim::UplinkWriter writer(uplink[1], options, say);
+    tallyvane_sim::Board board(options, [&](Bytes p, auto delay, std::string what) { writer.Queue(p, delay, what); }, say);
+    Tallyvane host{dir / "no-device", clock};
+    Tallyvane::sentBlockCounter = 0;  // as in a process of its own
+    clock.onSleep = [&] {
+      if (clock.Slept() > 1h) throw std::runtime_error("the helper waits for ever");  // a fault that hangs the update
+      for (const auto& packet : Sent()) board.OnFrame(lc::kPacketChannel, packet);
+      writer.Flush();
+      Bytes got(1 << 16);
+      got.resize(static_cast<std::size_t>(std::max<ssize_t>(0, read(uplink[0], got.data(), got.size()))));
+      host.Receive(got.data(), got.size());
+    };
+    const auto out = Capture([&] {  // as the machine drives it, up to the last chunk or a failure
+      try {
+        ASSERT_EQ(host.CheckForUpdate(), 1);
+        if (row.replaced) dir.Write("tallyvane-7.bin", RandomBytes(1000, 10));
+        for (int block = host.GetFirstUpdateBlock(); host.SendFirmwareBlock(block);)
+          if (host.WaitForAck(block) == 0 && (block = host.GetNextFirmwareBlock()) == -1) break;
+      } catch (const std::runtime_error& e) { ADD_FAILURE() << e.what(); }
+    }).out;
+    clock.onSleep = nullptr;
+    close(uplink[0]), close(uplink[1]);
+    EXPECT_EQ(std::make_tuple(CountOf(said, "RX FirmwareBlock"), CountOf(out, "CHOKE\n"), CountOf(out, "GULP"),
+                              verdict.substr(0, row.verdict.size())),
+              std::make_tuple(row.chunks, row.chokes, row.gulps, row.verdict)) << verdict;
+    EXPECT_EQ(ReadFile(dir / "received.bin") == image, row.verdict == ok);
+  }
 }
 
 }  // namespace
