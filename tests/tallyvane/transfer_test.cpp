@@ -1,9 +1,7 @@
 // A whole update against tallyvane-sim: the receive loop on a second thread,
 // the machine driving the helper on this one, real FIFOs, the real clock.
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
