@@ -2,7 +2,6 @@
 // writes one marker line per call into the same stream as the machine's
 // trace, so each test sees the exact interleaving of trace and calls.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <deque>
@@ -48,8 +47,10 @@ class ScriptedHelper : public Updater::Helpers::UpdateHelper {
   }
 };
 
-// Runs a whole update through the facade, as the program does.
-void RunMachine(ScriptedHelper& helper) {
+// Runs a whole update through the facade, as the program does. A death test's
+// matcher sees only stderr, so there the trace goes to stderr as well.
+void RunMachine(ScriptedHelper& helper, bool traceToStderr = false) {
+  if (traceToStderr) dup2(STDERR_FILENO, STDOUT_FILENO);
   UpdateMachine machine;
   machine.SetHelper(&helper);
   machine.start();
@@ -105,62 +106,48 @@ TEST(UpdateMachine, AnswersAndTheCallsThatFollow) {
 // Events with no row are reported with the state's number and changed nothing:
 // by the sub-machine when it refuses them, by the top machine otherwise.
 TEST(UpdateMachine, RefusedEvents) {
-  {  // resting in WaitingForAck: sub-machine state 1, top state 1
+  // start: whether the machine runs first, the helper answering `ack`; sub, top: the states afterwards
+  const struct { bool start; int ack; std::function<void(updaterMSM&)> post; std::string out; int sub, top; } rows[] = {
+      // Resting in WaitingForAck.
+      {true, 2, [](updaterMSM& m) { m.get_state<Updating&>().process_event(block_sent{3}), m.process_event(update_needed{}); },
+       "UpdaterSub_:: no transition from state 1 on event N7Updater2SM10block_sentE\n"
+       "updaterMSM:: no transition from state 1 on event N7Updater2SM13update_neededE\n", 1, 1},
+      // Finished: UpdateDone refuses everything, the sub-machine stays in its exit point.
+      {true, 3, [](updaterMSM& m) { m.process_event(no_update{}), m.process_event(last_block_ack{}); },
+       "updaterMSM:: no transition from state 3 on event N7Updater2SM9no_updateE\n"
+       "updaterMSM:: no transition from state 3 on event N7Updater2SM14last_block_ackE\n", 3, 3},
+      // No run posts update_error from UpdateInit; the row is there all the same.
+      {false, 3, [](updaterMSM& m) { m.process_event(update_error{}), m.process_event(update_needed{}); },
+       "Exited: UpdateInit\nEntered: UpdateError\n"
+       "updaterMSM:: no transition from state 2 on event N7Updater2SM13update_neededE\n", 0, 2},
+  };
+  for (const auto& row : rows) {
     ScriptedHelper h;
-    h.acks = {2};
+    h.acks = {row.ack};
     updaterMSM machine;
     LendHelper(machine, &h);
-    Stdout([&] { machine.start(); });
-    auto& sub = machine.get_state<Updating&>();
+    if (row.start) Stdout([&] { machine.start(); });
     // Exactly these lines: no marker, so nothing more was asked of the helper.
-    EXPECT_EQ(Stdout([&] { sub.process_event(block_sent{3}), machine.process_event(update_needed{}); }),
-              "UpdaterSub_:: no transition from state 1 on event N7Updater2SM10block_sentE\n"
-              "updaterMSM:: no transition from state 1 on event N7Updater2SM13update_neededE\n");
-    EXPECT_EQ(sub.current_state()[0], 1);
-    EXPECT_EQ(machine.current_state()[0], 1);
+    EXPECT_EQ(Stdout([&] { row.post(machine); }), row.out);
+    EXPECT_EQ(std::make_pair(machine.get_state<Updating&>().current_state()[0], machine.current_state()[0]),
+              std::make_pair(row.sub, row.top)) << row.out;
   }
-  {  // finished: UpdateDone (3) refuses everything, the sub-machine stays in its exit point
-    ScriptedHelper h;
-    updaterMSM machine;
-    LendHelper(machine, &h);
-    Stdout([&] { machine.start(); });
-    EXPECT_EQ(Stdout([&] { machine.process_event(no_update{}), machine.process_event(last_block_ack{}); }),
-              "updaterMSM:: no transition from state 3 on event N7Updater2SM9no_updateE\n"
-              "updaterMSM:: no transition from state 3 on event N7Updater2SM14last_block_ackE\n");
-    EXPECT_EQ(machine.get_state<Updating&>().current_state()[0], 3);
-  }
-  // No run posts update_error from UpdateInit; the row is there all the same.
-  updaterMSM machine;
-  EXPECT_EQ(Stdout([&] { machine.process_event(update_error{}), machine.process_event(update_needed{}); }),
-            "Exited: UpdateInit\nEntered: UpdateError\n"
-            "updaterMSM:: no transition from state 2 on event N7Updater2SM13update_neededE\n");
-}
-
-// Death-test body: stdout goes to stderr so the matcher sees the trace.
-void RunToDeath(ScriptedHelper& helper) {
-  dup2(STDERR_FILENO, STDOUT_FILENO);
-  RunMachine(helper);
 }
 
 TEST(UpdateMachineDeathTest, ErrorExitsAndExceptions) {
   ScriptedHelper failedSend, noNext;
-  failedSend.sends = {0};
-  EXPECT_EXIT(RunToDeath(failedSend), testing::ExitedWithCode(255),
+  failedSend.sends = {0}, noNext.acks = {0};
+  EXPECT_EXIT(RunMachine(failedSend, true), testing::ExitedWithCode(255),
               "Entered: SendingBlock: 0\n> SendFirmwareBlock\\(0\\)\nExited: SendingBlock\nEntered: Updating_ErrorExit\n$");
-  noNext.acks = {0};
-  EXPECT_EXIT(RunToDeath(noNext), testing::ExitedWithCode(255),
+  EXPECT_EXIT(RunMachine(noNext, true), testing::ExitedWithCode(255),
               "> GetNextFirmwareBlock\\(\\)\nDidn't get an ACK... exiting\\?\nExited: WaitingForAck\nEntered: Updating_ErrorExit\n$");
-  struct ThrowsInLoop : ScriptedHelper {
-    int WaitForAck(unsigned) override { throw std::runtime_error("camd went away"); }
-  } inLoop;
-  EXPECT_DEATH(RunToDeath(inLoop), "Assertion `false' failed");
+  struct ThrowsInLoop : ScriptedHelper { int WaitForAck(unsigned) override { throw std::runtime_error("gone"); } } inLoop;
+  EXPECT_DEATH(RunMachine(inLoop, true), "Assertion `false' failed");
 
   // The check runs in the initial entry, outside any event's processing, so even
   // a standard exception leaves start() as is; inside a transition only
   // non-standard ones get through.
-  struct ThrowsAtCheck : ScriptedHelper {
-    int CheckForUpdate() override { throw std::runtime_error("boom"); }
-  } atCheck;
+  struct ThrowsAtCheck : ScriptedHelper { int CheckForUpdate() override { throw std::runtime_error("boom"); } } atCheck;
   struct ThrowsInt : ScriptedHelper { int WaitForAck(unsigned) override { throw -1; } } intInLoop;
   Stdout([&] {
     EXPECT_THROW(RunMachine(atCheck), std::runtime_error);
