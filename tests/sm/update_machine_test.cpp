@@ -61,15 +61,16 @@ const std::string kDoneTail =
     "Exited: WaitingForAck\nEntered: Updating_UpdateDone\nExited: Updating_UpdateDone\nExited: Updating\n"
     "Action: done_updating\nEntered: UpdateDone\n";
 
-// Odd answers the machine takes as they come, in one two-block run.
-TEST(UpdateMachine, TwoBlockRunTraceLineByLine) {
-  ScriptedHelper h;
-  h.check = -7;         // any non-zero answer means an update
-  h.haveFile = false;   // ignored on purpose: the helper reports it
-  h.first = -1;         // no error; shown unsigned, then signed
-  h.acks = {0, 3};
-  h.nexts = {0};        // position 0 is a block like any other
-  EXPECT_EQ(RunUpdate(h),
+// What the helper's answers make the machine do, call by call.
+TEST(UpdateMachine, AnswersAndTheCallsThatFollow) {
+  // Odd answers the machine takes as they come, in one two-block run, line by line.
+  ScriptedHelper odd, none, again;
+  odd.check = -7;         // any non-zero answer means an update
+  odd.haveFile = false;   // ignored on purpose: the helper reports it
+  odd.first = -1;         // no error; shown unsigned, then signed
+  odd.acks = {0, 3};
+  odd.nexts = {0};        // position 0 is a block like any other
+  EXPECT_EQ(RunUpdate(odd),
             "Entered: UpdateInit\n> CheckForUpdate()\n          Update needed, initiating...\nExited: UpdateInit\n"
             "Entered: Updating\n> HaveUpdateFile()\nEntered: DeterminingFirstBlock\n> GetFirstUpdateBlock()\n"
             "                First:4294967295\nReady with block #-1\nExited: DeterminingFirstBlock\n"
@@ -77,20 +78,14 @@ TEST(UpdateMachine, TwoBlockRunTraceLineByLine) {
             "Entered: WaitingForAck: 4294967295\n> WaitForAck(4294967295)\n> GetNextFirmwareBlock()\n"
             "Ready with block #0\nExited: WaitingForAck\nAction: send_block\nEntered: SendingBlock: 0\n"
             "> SendFirmwareBlock(0)\nExited: SendingBlock\nEntered: WaitingForAck: 0\n> WaitForAck(0)\n" + kDoneTail);
-}
-
-// What the helper's answers make the machine do, call by call.
-TEST(UpdateMachine, AnswersAndTheCallsThatFollow) {
-  ScriptedHelper none, again;
   none.check = 0;
   EXPECT_EQ(RunUpdate(none), "Entered: UpdateInit\n> CheckForUpdate()\n          Update not needed, exiting...\n"
                              "Exited: UpdateInit\nEntered: UpdateDone\n");
   // Status 1 three times: the same block four times, each announced.
   again.first = 9, again.acks = {1, 1, 1};
-  EXPECT_THAT(RunUpdate(again), EndsWith("> WaitForAck(9)\nReady with block #9\nExited: WaitingForAck\n"
-                                         "Action: send_block\nEntered: SendingBlock: 9\n> SendFirmwareBlock(9)\n"
-                                         "Exited: SendingBlock\nEntered: WaitingForAck: 9\n> WaitForAck(9)\n" +
-                                         kDoneTail));
+  EXPECT_THAT(RunUpdate(again), EndsWith("> WaitForAck(9)\nReady with block #9\nExited: WaitingForAck\nAction: send_block\n"
+                                         "Entered: SendingBlock: 9\n> SendFirmwareBlock(9)\nExited: SendingBlock\n"
+                                         "Entered: WaitingForAck: 9\n> WaitForAck(9)\n" + kDoneTail));
   const std::string begin = "CheckForUpdate()\nHaveUpdateFile()\nGetFirstUpdateBlock()\n";
   const std::string block9 = "SendFirmwareBlock(9)\nWaitForAck(9)\n";
   EXPECT_EQ(again.calls, begin + block9 + block9 + block9 + block9);
