@@ -25,8 +25,7 @@ inline std::string ReferenceCrc(const std::string& bytes) {
   return crc.process_bytes(bytes.data(), bytes.size()), std::snprintf(text, sizeof text, "%x", crc.checksum()), text;
 }
 
-class CamdBusTest : public ::testing::Test {
- protected:
+struct CamdBusTest : ::testing::Test {
   static void SetUpTestSuite() { bus_ = std::make_unique<PrivateBus>(); }
   static void TearDownTestSuite() { bus_.reset(); }
   void SetUp() override {

