@@ -16,8 +16,7 @@ ProcessResult RunUpdater(const ProcessOptions& options = {}) { return RunProcess
 
 // Every run starts alike; how it ends is camd's doing.
 TEST_F(CameraEndToEndTest, WholeRuns) {
-  const auto image = RandomBytes(5000, 13);  // 78 chunks of 64 and one of 8
-  AddPackage(3, image);
+  AddPackage(3, RandomBytes(5000, 13));  // 78 chunks of 64 and one of 8
   const std::string closing = kYellow + "Exiting firmware-updater ..." + kReset, errorExit = "Entered: Updating_ErrorExit\n";
   // sim: none for camd absent; has: on standard output or error, or camd-sim's
   const struct { std::vector<std::string> sim; int status; std::vector<std::string> has; std::string outTail;

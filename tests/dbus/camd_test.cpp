@@ -42,7 +42,7 @@ TEST(CamdMethodTable, MatchesTheDocumentedInterface) {
   EXPECT_EQ(documented, table);
 }
 
-// Five tries for a call that fails, none for a reply of the wrong type; the index text as typed.
+// Five tries for a call that fails, the last answer counting; none for a reply of the wrong type; the index text as typed.
 TEST_F(CamdBusTest, CallsTriesAndReplyTypes) {
   StartSim({"--camera=0", "--camera=12", "--camera=03", "--version=7", "--region=3", "--error=GetFlashRegion@1-4"});
   // Alone in its process (ctest) the first is the first bring-up; in one binary with the others it may not be.
@@ -58,8 +58,7 @@ TEST_F(CamdBusTest, CallsTriesAndReplyTypes) {
   const auto run = Capture([&] {
     version = camd.GetCameraFirmwareVersion(), chunks = camd.GetPreviouslyDownloadedChunks(), region = camd.GetFlashRegion();
   });
-  std::string errors;  // four failed tries: the fifth's answer counts
-  for (int i = 0; i < 4; ++i) errors += "Dbus::Error: injected failure of GetFlashRegion\n";
+  const std::string failed = "Dbus::Error: injected failure of GetFlashRegion\n", errors = failed + failed + failed + failed;
   EXPECT_EQ(std::make_tuple(run.out, run.err, version, region, chunks),
             std::make_tuple("Asking camd for firmware version\nAsking camd for downloaded chunks\n", errors, 7, 3, 0));
   // camd-sim registers `iii` and `iay`; the bus refuses a body of other types.
