@@ -117,8 +117,7 @@ TEST_F(PlatformTest, FirmwarePackageAndBoardVersionAreReadStrictly) {
         "tallyvane-100.bin", "camera-region1-70.bin.bak", "camera-region1-x.bin", "camera-region1-.bin", "camera-region1-80",
         "camera-region1--90.bin", "camera-region1-+90.bin", "camera-region1- 90.bin", "camera-region1-90a.bin",
         "camera-region1-90.BIN", "xcamera-region1-90.bin", "camera-region01-90.bin", "camera-region1-2147483648.bin",
-        "camera-region1-99999999999999999999.bin", "tallyvane-2147483648.bin", "camera-region-1-90.bin"})
-    dir.Write(name);
+        "camera-region1-99999999999999999999.bin", "tallyvane-2147483648.bin", "camera-region-1-90.bin"}) dir.Write(name);
   std::filesystem::create_directory(dir / "camera-region1-20.bin");
   std::filesystem::create_symlink(dir / "missing", dir / "tallyvane-200.bin");
   EXPECT_EQ(camera(1), Package(10, dir / "camera-region1-10.bin"));

@@ -54,9 +54,8 @@ void RunMachine(ScriptedHelper& helper, bool traceToStderr = false) {
 }
 std::string RunUpdate(ScriptedHelper& helper) { return Stdout([&] { RunMachine(helper); }); }
 
-const std::string kDoneTail =
-    "Exited: WaitingForAck\nEntered: Updating_UpdateDone\nExited: Updating_UpdateDone\nExited: Updating\n"
-    "Action: done_updating\nEntered: UpdateDone\n";
+const std::string kDoneTail = "Exited: WaitingForAck\nEntered: Updating_UpdateDone\nExited: Updating_UpdateDone\n"
+                              "Exited: Updating\nAction: done_updating\nEntered: UpdateDone\n";
 
 // What the helper's answers make the machine do, call by call.
 TEST(UpdateMachine, AnswersAndTheCallsThatFollow) {
@@ -65,8 +64,7 @@ TEST(UpdateMachine, AnswersAndTheCallsThatFollow) {
   odd.check = -7;         // any non-zero answer means an update
   odd.haveFile = false;   // ignored on purpose: the helper reports it
   odd.first = -1;         // no error; shown unsigned, then signed
-  odd.acks = {0, 3};
-  odd.nexts = {0};        // position 0 is a block like any other
+  odd.acks = {0, 3}, odd.nexts = {0};  // the next block at position 0, a block like any other
   EXPECT_EQ(RunUpdate(odd),
             "Entered: UpdateInit\n> CheckForUpdate()\n          Update needed, initiating...\nExited: UpdateInit\n"
             "Entered: Updating\n> HaveUpdateFile()\nEntered: DeterminingFirstBlock\n> GetFirstUpdateBlock()\n"
