@@ -87,7 +87,6 @@ TEST(Packets, EveryClassPacksAsDocumentedAndUnpacksReportingTheFirstFailureInThe
     EXPECT_EQ(UnpackExact(*of(row.type).blank(), row.wire, row.available), row.code) << row.type << "/" << row.available;
 
   auto numbered = [](Packet&& p, int sequence) { return p.SequenceNumber(sequence), Packed(p); };
-  EXPECT_EQ(numbered(RequestUpdateInfo(), 7), (Bytes{0x05, 0x10, 0x07, 0x54, 0xF8}));
   EXPECT_EQ(numbered(FirmwareBlock(-2, {0xDE, 0xAD}), 255),
             (Bytes{0x0B, 0x12, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xDE, 0xAD, 0x96, 0xB5}));
 }
