@@ -136,10 +136,8 @@ TEST(UpdateMachineDeathTest, ErrorExitsAndExceptions) {
   // non-standard ones get through.
   struct ThrowsAtCheck : ScriptedHelper { int CheckForUpdate() override { throw std::runtime_error("boom"); } } atCheck;
   struct ThrowsInt : ScriptedHelper { int WaitForAck(unsigned) override { throw -1; } } intInLoop;
-  Stdout([&] {
-    EXPECT_THROW(RunMachine(atCheck), std::runtime_error);
-    EXPECT_THROW(RunMachine(intInLoop), int);
-  });
+  Stdout([&] { EXPECT_THROW(RunMachine(atCheck), std::runtime_error); });
+  Stdout([&] { EXPECT_THROW(RunMachine(intInLoop), int); });
 }
 
 }  // namespace
