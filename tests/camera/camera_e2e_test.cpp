@@ -19,19 +19,19 @@ TEST_F(CameraEndToEndTest, WholeRuns) {
   AddPackage(3, RandomBytes(5000, 13));  // 78 chunks of 64 and one of 8
   const std::string closing = kYellow + "Exiting firmware-updater ..." + kReset, errorExit = "Entered: Updating_ErrorExit\n";
   // sim: none for camd absent; has: on standard output or error, or camd-sim's
-  const struct { std::vector<std::string> sim; int status; std::vector<std::string> has; std::string outTail;
-                 std::size_t dbusErrors; const char* stallSeconds = nullptr; } rows[] = {
+  const struct { std::vector<std::string> sim; int status; std::size_t dbusErrors; std::vector<std::string> has;
+                 std::string outTail; const char* stallSeconds = nullptr; } rows[] = {
       // The update check leaves standard output hexadecimal, and the machine's trace shows it.
-      {{"--version=2"}, 0, {"Entered: SendingBlock: 1380\nThis block: [1380], blockSize: [40]\n",
-       "VERDICT ok camera=0 bytes=5000"}, "Action: done_updating\nEntered: UpdateDone\n" + closing, 0},
-      {{"--fail-send=3"}, 255, {}, "Exited: SendingBlock\n" + errorExit, 0},
-      {{"--negative-next=2"}, 255, {"Didn't get an ACK... exiting?\n"}, errorExit, 0},
+      {{"--version=2"}, 0, 0, {"Entered: SendingBlock: 1380\nThis block: [1380], blockSize: [40]\n",
+       "VERDICT ok camera=0 bytes=5000"}, "Action: done_updating\nEntered: UpdateDone\n" + closing},
+      {{"--fail-send=3"}, 255, 0, {}, "Exited: SendingBlock\n" + errorExit},
+      {{"--negative-next=2"}, 255, 0, {"Didn't get an ACK... exiting?\n"}, errorExit},
       // Nothing ever acknowledged: the stall limit ends what would run forever.
-      {{"--loss-rate=1"}, 255, {"fw-updater Debug: [ERROR] -- No progress for 2 s, at block [0]; giving up the update"},
-       errorExit, 0, "2"},
+      {{"--loss-rate=1"}, 255, 0, {"fw-updater Debug: [ERROR] -- No progress for 2 s, at block [0]; giving up the update"},
+       errorExit, "2"},
       // Gives up after about 10 s.
-      {{}, 0, {"Error asking camd for update info status, not updating\n"},
-       "Entered: UpdateInit\n          Update not needed, exiting...\nExited: UpdateInit\nEntered: UpdateDone\n" + closing, 5 * 102},
+      {{}, 0, 5 * 102, {"Error asking camd for update info status, not updating\n"},
+       "Entered: UpdateInit\n          Update not needed, exiting...\nExited: UpdateInit\nEntered: UpdateDone\n" + closing},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.sim.empty() ? "camd absent" : row.sim[0]);
