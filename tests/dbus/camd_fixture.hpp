@@ -9,8 +9,6 @@
 #include <filesystem>
 #include <iostream>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "fake_clock.hpp"
 #include "private_bus.hpp"
@@ -27,13 +25,12 @@ inline std::string ReferenceCrc(const std::string& bytes) {
   return crc.process_bytes(bytes.data(), bytes.size()), std::snprintf(text, sizeof text, "%x", crc.checksum()), text;
 }
 
-class CamdBusTest : public ::testing::Test {
- protected:
+struct CamdBusTest : ::testing::Test {
   static void SetUpTestSuite() { bus_ = std::make_unique<PrivateBus>(); }
   static void TearDownTestSuite() { bus_.reset(); }
   void SetUp() override {
     std::cout.flags(std::ios::dec | std::ios::skipws);  // the update check leaves it hexadecimal
-    setenv("QUORVEX_FIRMWARE_DIR", fwDir_.c_str(), 1), setenv("QUORVEX_LOCK_DIR", fwDir_.c_str(), 1);
+    setenv("QUORVEX_FIRMWARE_DIR", fw_.path().c_str(), 1), setenv("QUORVEX_LOCK_DIR", fw_.path().c_str(), 1);
   }
   void TearDown() override {
     for (const char* name : {"QUORVEX_FIRMWARE_DIR", "QUORVEX_LOCK_DIR", "QUORVEX_STALL_SECONDS", "NOTIFY_SOCKET"}) unsetenv(name);
@@ -49,11 +46,10 @@ class CamdBusTest : public ::testing::Test {
   std::string AddPackage(int version, const std::string& bytes) {  // for region 0; returns its path
     return fw_.Write("camera-region0-" + std::to_string(version) + ".bin", bytes);
   }
-  std::string OutPath() const { return fwDir_ + "/received.bin"; }
+  std::string OutPath() const { return fw_ / "received.bin"; }
 
   static inline std::unique_ptr<PrivateBus> bus_;
   const TempDir fw_;  // outlives the simulator, which may write into it
-  const std::string fwDir_ = fw_.path();
   std::unique_ptr<ChildProcess> sim_;
   FakeClock clock_;
 };

@@ -3,7 +3,6 @@
 
 #include "camd_fixture.hpp"
 #include "dbus/camd_methods.hpp"
-#include "dbus/errors.hpp"
 #include "helpers/camera/vyr_camera.hpp"
 #include "notify_socket.hpp"
 #include "sm/update_machine.hpp"
@@ -43,29 +42,25 @@ TEST(CamdMethodTable, MatchesTheDocumentedInterface) {
   EXPECT_EQ(documented, table);
 }
 
-// Five tries for a call that fails, none for a reply of the wrong type; the index text as typed.
+// Five tries for a call that fails, the last answer counting; none for a reply of the wrong type; the index text as typed.
 TEST_F(CamdBusTest, CallsTriesAndReplyTypes) {
-  StartSim({"--camera=0", "--camera=12", "--camera=03", "--version=7", "--region=3", "--error=GetFlashRegion@1-4",
-            "--error=GetCameraFirmwareVersion@1-5"});
+  StartSim({"--camera=0", "--camera=12", "--camera=03", "--version=7", "--region=3", "--error=GetFlashRegion@1-4"});
   // Alone in its process (ctest) the first is the first bring-up; in one binary with the others it may not be.
   const bool before = Dbus::Initialized();
-  for (const std::string index : {"0", "12", "03"}) {
-    std::unique_ptr<Helpers::VyrCamera> c;
+  std::unique_ptr<Helpers::VyrCamera> c;  // the last, camera 0, for the rest
+  for (const std::string index : {"12", "03", "0"}) {
     EXPECT_EQ(Capture([&] { c = std::make_unique<Helpers::VyrCamera>(index, clock_); }).out,
-              index == "0" && !before ? "Initializing dbus-cxx\n" : "dbus-cxx already initialized\n");
+              index == "12" && !before ? "Initializing dbus-cxx\n" : "dbus-cxx already initialized\n");
     EXPECT_TRUE(c->Proxy().SendUpdateAvailable(4, 0, 0) && CountOf(sim_->Log(), "[" + index + "]: SendUpdateAvailable")) << index;
   }
-  Helpers::VyrCamera camera("0", clock_);
-  auto& camd = camera.Proxy();
+  auto& camd = c->Proxy();
   int version = 0, chunks = -1, region = 0;
   const auto run = Capture([&] {
     version = camd.GetCameraFirmwareVersion(), chunks = camd.GetPreviouslyDownloadedChunks(), region = camd.GetFlashRegion();
   });
-  const std::string injected = "Dbus::Error: injected failure of ";
-  std::string errors;  // five errors: five tries; four: the fifth's answer
-  for (int i = 0; i < 9; ++i) errors += injected + (i < 5 ? "GetCameraFirmwareVersion\n" : "GetFlashRegion\n");
+  const std::string failed = "Dbus::Error: injected failure of GetFlashRegion\n", errors = failed + failed + failed + failed;
   EXPECT_EQ(std::make_tuple(run.out, run.err, version, region, chunks),
-            std::make_tuple("Asking camd for firmware version\nAsking camd for downloaded chunks\n", errors, -1, 3, 0));
+            std::make_tuple("Asking camd for firmware version\nAsking camd for downloaded chunks\n", errors, 7, 3, 0));
   // camd-sim registers `iii` and `iay`; the bus refuses a body of other types.
   EXPECT_TRUE(camd.SendUpdateAvailable(5, 0xFFFF, 0) && camd.SendUpdateAvailable(-2, 0, 2147483647) &&
               camd.SendFirmwareBlock(0, {}) && camd.SendFirmwareBlock(-1, {0x00, 0xff, 0x80}));
@@ -78,7 +73,7 @@ TEST_F(CamdBusTest, CallsTriesAndReplyTypes) {
   StartSim(wrong);
   for (const auto& c : kCalls) {
     std::string what;  // a std::exception: inside the machine it reaches the exception hook
-    const auto err = Capture([&] { try { c.call(camd); } catch (const Dbus::ReplyTypeMismatch& e) { what = e.what(); } }).err;
+    const auto err = Capture([&] { try { c.call(camd); } catch (const std::exception& e) { what = e.what(); } }).err;
     EXPECT_THAT(what, ::testing::HasSubstr(c.name));
     EXPECT_EQ(std::make_tuple(CountOf(err, "Dbus::Error: "), SimCalls(c.name)), std::make_tuple(0u, 1u)) << c.name << err;
   }
@@ -109,7 +104,7 @@ TEST_F(CamdBusTest, UnreachableCamdFailsEveryCallAfterFiveTries) {
     EXPECT_EQ(CountOf(err, "Dbus::Error: "), row.noReplyErrors) << err;
     EXPECT_THAT(Capture([&] { EXPECT_EQ(camera.CheckForUpdate(), 0); }).err,  // as with camd absent
                 ::testing::HasSubstr("Error asking camd for update info status, not updating\n"));
-    EXPECT_TRUE(std::filesystem::exists(fwDir_ + "/firmware-updater-camera-" + row.lock + ".lock"));
+    EXPECT_TRUE(std::filesystem::exists(fw_ / ("firmware-updater-camera-" + row.lock + ".lock")));
     setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
   }
 }
@@ -154,10 +149,10 @@ TEST_F(CamdBusTest, UpdateCheckFirstBlockAndStallLimit) {
   // out: found on standard output or error; sends: of a block loop after the check, when any; images past the large one are sparse
   const struct { std::vector<std::string> sim; std::uintmax_t imageBytes; const char* stallSeconds; int update; std::string out;
                  std::size_t infoPolls; int sends; std::chrono::milliseconds slept; int first = 0; std::size_t firstCalls = 1; } rows[] = {
-      // Not newer. Asked twice: the comparison uses the first answer, the log the second.
+      // Not newer; older, a real -1. Asked twice: the comparison uses the first answer, the log the second.
       {{"--version=2"}, 100, nullptr, 0, "Asking camd for firmware version\nFile version: 2\nAsking camd for firmware version\n"
        "Cam version: 2\n", 1, 0, 0s},
-      {{"--version=-1"}, 100, nullptr, 1, "Cam version: -1\nChecksum:", 1, 0, 0s},  // a real -1 is older
+      {{"--version=-1"}, 100, nullptr, 1, "File version: 2\nAsking camd for firmware version\nCam version: -1\n", 1, 0, 0s},
       {{"--version=5", "--error=GetCameraFirmwareVersion@1-5"}, 100, nullptr, 0,
        "Cam version: 5\n" + red + "The camera's firmware version could not be read, so the camera is not updated" + reset, 1, 0, 0s},
       {{}, 1ull << 31, nullptr, 0, "] is 2147483648 bytes, more than camd can address; not updating" + reset, 1, 0, 0s},

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include "camd_fixture.hpp"
-#include "subprocess.hpp"
 
 namespace Updater::Testing {
 namespace {
@@ -28,7 +27,7 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root: the Mender client reads /usr/share/mender/modules/v3 and /etc/mender";
   if (access("/usr/bin/mender", X_OK) != 0 || access("/usr/bin/mender-artifact", X_OK) != 0)
     GTEST_SKIP() << "mender-client and mender-artifact are not installed (scripts/test installs them)";
-  const std::string source = FWU_SOURCE_DIR "/support/mender/", package = fwDir_ + "/camera-region0-3.bin";
+  const std::string source = FWU_SOURCE_DIR "/support/mender/", package = fw_ / "camera-region0-3.bin";
   SystemFile module("/usr/share/mender/modules/v3/camera-firmware", source + "camera-firmware");
   SystemFile artifactInfo("/etc/mender/artifact_info", fw_.Write("artifact_info", "artifact_name=factory\n"));
   const auto image = RandomBytes(3000, 5);
@@ -47,7 +46,7 @@ TEST_F(MenderTest, InstallSucceedsOnlyWhenEveryCameraRunsTheNewVersion) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.logHas);
-    fs::remove_all(fwDir_), fs::create_directories(fwDir_);
+    fs::remove_all(fw_.path()), fs::create_directories(fw_.path());
     auto args = row.sim;
     args.push_back("--version=2");
     row.sim.empty() ? sim_.reset() : StartSim(args);  // none: camd absent
