@@ -84,8 +84,7 @@ ProcessResult RunProcess(const std::string& path, const std::vector<std::string>
 ChildProcess::ChildProcess(const std::string& path, const std::vector<std::string>& args, const std::string& workDir,
                            const std::string& readyText) {
   static std::atomic<int> serial{0};
-  stem_ = workDir + "/" + std::filesystem::path(path).filename().string() + "." + std::to_string(getpid()) + "." +
-          std::to_string(serial++);
+  stem_ = workDir + "/" + std::filesystem::path(path).filename().string() + "." + std::to_string(serial++);
   auto command = CommandFor(path, args);
   auto argv = command.ExecArgv();
   if ((pid_ = fork()) < 0) throw std::runtime_error("fork failed");

@@ -13,9 +13,11 @@
 
 #include "fake_clock.hpp"
 #include "helpers/tallyvane/tallyvane.hpp"
+#include "lc/qel_arm_control.hpp"
 #include "sm/update_machine.hpp"
 #include "subprocess.hpp"
 #include "temp_dir.hpp"
+#include "text.hpp"
 #include "vyrcam/packets.hpp"
 
 namespace {
@@ -31,26 +33,15 @@ bool WaitUntil(Done done, std::chrono::milliseconds limit) {
   return true;
 }
 
-// The machine's exit(-1) must not tear down the control library's statics under the receive loop: the loop is
-// joined from an atexit handler registered once the library is in use (run before earlier statics' destructors).
+// The machine reads the board's last report (no next position) as a failure and takes its error exit, so it
+// runs in a child and the image is checked here. exit() must not tear down the control library's statics under
+// the receive loop: a frame on a channel the board ignores brings them up first, so that the loop, joined at
+// exit, stops before they go.
 Tallyvane* gExitHelper = nullptr;
 std::thread* gExitReader = nullptr;
-struct RealClockStoppingReaderAtExit : Updater::Clock {
-  time_point Now() override { return Updater::SystemClock().Now(); }
-  void Sleep(std::chrono::nanoseconds d) override {
-    // Every wait for a block's acknowledgement sleeps at least once, after the block went out.
-    if (!registered.exchange(true)) std::atexit([] { gExitHelper->StopReader(), gExitReader->join(); });
-    Updater::SystemClock().Sleep(d);
-  }
-  std::atomic<bool> registered{false};
-};
-
-// The machine reads the board's last report (no next position) as a failure and takes its error exit, so it
-// runs in a child and the image is checked here.
 TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
   Updater::Testing::TempDir dir;
-  std::string image;  // not a multiple of the chunk size, so the last chunk is a short one
-  for (int i = 0; i < 1000; ++i) image += static_cast<char>(i * 7 + 3);
+  const auto image = Updater::Testing::RandomBytes(1000, 3);  // not a multiple of the chunk size: a short last chunk
   dir.Write("tallyvane-9.bin", image);
   setenv("QUORVEX_FIRMWARE_DIR", dir.path().c_str(), 1);
   setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir / "downlink").c_str(), 1);
@@ -60,10 +51,11 @@ TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
       dir / "received.bin", "--version-file", dir / "board-version", "--board-version", "3"}, dir.path(), "READY");
   EXPECT_EXIT(
       {
-        RealClockStoppingReaderAtExit clock;
-        Tallyvane helper(uplink, clock);
+        Tallyvane helper(uplink, Updater::SystemClock());
+        const std::uint8_t ignored = 0;
+        lc::QelArmControl::Send_Dl_Us_Raw(200, &ignored, 1);
         std::thread reader([&] { helper.RunReader(); });
-        (gExitHelper = &helper, gExitReader = &reader);
+        (gExitHelper = &helper, gExitReader = &reader, std::atexit([] { gExitHelper->StopReader(), gExitReader->join(); }));
         Updater::SM::UpdateMachine machine;
         machine.SetHelper(&helper);
         machine.start();
@@ -103,9 +95,8 @@ TEST(TallyvaneReader, TakesAFullReadWholeAndSurvivesAWriterThatKeepsReconnecting
     char chunk[4096];
     for (ssize_t n; (n = pread(out, chunk, sizeof chunk, consumed)) > 0; consumed += n) {
       tail.append(chunk, static_cast<std::size_t>(n));
-      for (std::size_t at = 0; (at = tail.find("Read 0 bytes", at)) != std::string::npos; ++at) ++reopens;
-      for (std::size_t at = 0; (at = tail.find("CHOKE", at)) != std::string::npos; ++at) ++chokes;
-      tail.erase(0, tail.size() - std::min<std::size_t>(tail.size(), 11));
+      reopens += Updater::Testing::CountOf(tail, "Read 0 bytes"), chokes += Updater::Testing::CountOf(tail, "CHOKE");
+      tail.erase(0, tail.size() - std::min<std::size_t>(tail.size(), 11));  // a split "Read 0 bytes", never a whole one
     }
     return reopens;
   };
