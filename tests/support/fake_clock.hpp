@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <thread>
 #include "common/clock.hpp"
 
@@ -16,7 +17,9 @@ class FakeClock : public Updater::Clock {
   void Sleep(std::chrono::nanoseconds d) override {
     sleeps_.fetch_add(1), slept_ns_.fetch_add(d.count()), Advance(d);
     std::this_thread::yield();  // lets the other thread run, as a real sleep would
+    if (onSleep) onSleep();
   }
+  std::function<void()> onSleep;  // the test's turn, e.g. as the far end, while the code under test waits
   void Advance(std::chrono::nanoseconds d) { now_ns_.fetch_add(d.count()); }
   int Sleeps() const { return sleeps_.load(); }
   std::chrono::nanoseconds Slept() const { return std::chrono::nanoseconds(slept_ns_.load()); }

@@ -44,12 +44,6 @@ std::vector<long long> Fields(const Tallyvane::LinkState& s) {  // every field, 
           s.lastReceived,    s.nextBlock,    s.blockReportReceived, s.lastSentBlock, s.lastAckedBlock};
 }
 
-// Lets the test act as the board while the helper waits: `onSleep` runs before each sleep returns.
-struct ScriptedClock : FakeClock {
-  void Sleep(std::chrono::nanoseconds d) override { FakeClock::Sleep(d); if (onSleep) onSleep(); }
-  std::function<void()> onSleep;
-};
-
 class LinkTest : public testing::Test {
  protected:
   // The downlink device is a FIFO whose read end stays open, so that every write lands.
@@ -86,7 +80,7 @@ class LinkTest : public testing::Test {
   }
   TempDir dir;
   int tap = -1;
-  ScriptedClock clock;
+  FakeClock clock;
   Tallyvane helper{dir / "no-device", clock};
 };
 
