@@ -82,10 +82,11 @@ ProcessResult RunProcess(const std::string& path, const std::vector<std::string>
 }
 
 ChildProcess::ChildProcess(const std::string& path, const std::vector<std::string>& args, const std::string& workDir,
-                           const std::string& readyText) {
+                           const std::string& readyText, bool native) {
   static std::atomic<int> serial{0};
   stem_ = workDir + "/" + std::filesystem::path(path).filename().string() + "." + std::to_string(serial++);
   auto command = CommandFor(path, args);
+  if (native) command = Command{path, {path}}, command.argv.insert(command.argv.end(), args.begin(), args.end());
   auto argv = command.ExecArgv();
   if ((pid_ = fork()) < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
