@@ -22,13 +22,14 @@ inline std::string RandomBytes(std::size_t n, unsigned seed) {
 }
 
 // What `f` wrote on standard output, on standard error, on both.
-template <class F> std::string Stdout(F&& f) { return ::testing::internal::CaptureStdout(), f(), ::testing::internal::GetCapturedStdout(); }
-template <class F> std::string Stderr(F&& f) { return ::testing::internal::CaptureStderr(), f(), ::testing::internal::GetCapturedStderr(); }
+namespace capture = ::testing::internal;
+template <class F> std::string Stdout(F&& f) { return capture::CaptureStdout(), f(), capture::GetCapturedStdout(); }
+template <class F> std::string Stderr(F&& f) { return capture::CaptureStderr(), f(), capture::GetCapturedStderr(); }
 struct Captured { std::string out, err; };
 template <class F> Captured Capture(F&& f) {
-  ::testing::internal::CaptureStdout(), ::testing::internal::CaptureStderr();
+  capture::CaptureStdout(), capture::CaptureStderr();
   f();
-  return {::testing::internal::GetCapturedStdout(), ::testing::internal::GetCapturedStderr()};
+  return {capture::GetCapturedStdout(), capture::GetCapturedStderr()};
 }
 
 }  // namespace Updater::Testing

@@ -230,7 +230,8 @@ TEST_F(LinkTest, UpdateCheckGivesUpOnASilentBoardAndChunksAreReadAtTheBoardsPosi
             "info status, not updating\033[0m\n");
   EXPECT_EQ(std::make_tuple(clock.Sleeps(), clock.Slept()), std::make_tuple(102, 102 * 100ms));
   Stdout([&] {  // 256 less the byte sum, in 16 bits
-    EXPECT_EQ(std::make_tuple(Tallyvane::tallyvane_checksum("", 0), Tallyvane::tallyvane_checksum("abc", 3)), std::make_tuple(256, 65498));
+    EXPECT_EQ(std::make_tuple(Tallyvane::tallyvane_checksum("", 0), Tallyvane::tallyvane_checksum("abc", 3)),
+              std::make_tuple(256, 65498));
   });
   const auto image = RandomBytes(1000, 5);
   const auto path = dir.Write("tallyvane-7.bin", image);
