@@ -29,15 +29,6 @@ constexpr const char* kDefaultLockDir = "/run/lock";
 // with every progress line, so that only a transfer the limit would end runs into it.
 constexpr auto kProgressMargin = std::chrono::seconds(30);
 
-// Whole bytes of the file behind `file`; leaves the stream at the start.
-std::uint64_t FileBytes(std::istream& file) {
-  file.clear();
-  file.seekg(0, std::ios::end);
-  const auto end = static_cast<std::uint64_t>(static_cast<std::streamoff>(file.tellg()));
-  file.seekg(0, std::ios::beg);
-  return end;
-}
-
 // The size as the camera protocol carries it: the low 32 bits.
 std::int32_t ProtocolSize(std::uint64_t bytes) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(bytes));
@@ -164,7 +155,7 @@ int VyrCamera::CheckWithCamd() {
   image_.clear();
   image_.open(firmwarePath, std::ios::binary);
   if (!image_.is_open()) return true;
-  const std::uint64_t bytes = FileBytes(image_);
+  const auto bytes = static_cast<std::uint64_t>(Image::Length(image_));
   if (bytes > static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max())) {
     Log::Error("Firmware image [", firmwarePath, "] is ", std::to_string(bytes),
                " bytes, more than camd can address; not updating");
@@ -217,7 +208,7 @@ int VyrCamera::SendFirmwareBlock(int block) {
   // Read through the descriptor the update check opened: a package manager
   // replacing the file meanwhile must not mix two images in the camera.
   if (!image_.is_open()) return false;
-  const std::int32_t size = ProtocolSize(FileBytes(image_));
+  const std::int32_t size = ProtocolSize(static_cast<std::uint64_t>(Image::Length(image_)));
 
   std::cout << "This block: [" << block << "], blockSize: [" << blockSize << "]" << std::endl;
   auto chunk = Image::ReadChunk(image_, size, block, blockSize);

@@ -63,14 +63,6 @@ void WriteDump(const char* cells, std::size_t length) {
   std::putchar('\n');
 }
 
-// Length of the file behind `in` (left at its start); -1 when unknown.
-std::streamoff FileLength(std::ifstream& in) {
-  in.seekg(0, std::ios::end);
-  const std::streamoff length = in.tellg();
-  in.seekg(0, std::ios::beg);
-  return length;
-}
-
 }  // namespace
 
 std::atomic<Clock::time_point> Tallyvane::lastProgressPrint{std::chrono::system_clock::now()};
@@ -487,7 +479,7 @@ int Tallyvane::CheckForUpdate() {
 
   std::ifstream image(firmwarePath, std::ios::binary);
   if (!image.is_open()) return 0;
-  const std::streamoff length = FileLength(image);
+  const std::streamoff length = Image::Length(image);
 
   // Summed piece by piece: the same result as summing the whole image at
   // once, without holding it.
@@ -538,7 +530,7 @@ int Tallyvane::SendFirmwareBlock(int position) {
   // a long-lived handle would keep reading the old one.
   std::ifstream image(firmwarePath, std::ios::binary);
   if (!image.is_open()) return 0;
-  const std::streamoff length = FileLength(image);
+  const std::streamoff length = Image::Length(image);
   std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
 
   const auto chunk = Image::ReadChunk(image, length, position, packetSize);

@@ -1,5 +1,5 @@
-// Reading a firmware image the way both targets do: whole, in pieces, for
-// the checksum; and one chunk at the position the target names.
+// Reading a firmware image the way both targets do: its length; whole, in
+// pieces, for the checksum; and one chunk at the position the target names.
 //
 // The size type is the caller's: the camera carries the low 32 bits of the
 // file size, the board the full offset, and the messages print it as is.
@@ -17,6 +17,16 @@ namespace Updater::Image {
 // Pieces of the whole-image pass: large enough to read quickly, small enough
 // that memory stays flat whatever the image size.
 inline constexpr std::size_t kPieceBytes = 64 * 1024;
+
+// Whole bytes of the file behind `image`, -1 when the stream cannot tell; leaves
+// the stream at the start, ready for a pass that may follow an earlier one.
+inline std::streamoff Length(std::istream& image) {
+  image.clear();
+  image.seekg(0, std::ios::end);
+  const std::streamoff end = image.tellg();
+  image.seekg(0, std::ios::beg);
+  return end;
+}
 
 template <class Wanted, class Got>
 void ReportShortRead(Wanted wanted, Got got) {
