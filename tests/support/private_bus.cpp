@@ -1,6 +1,5 @@
 #include "private_bus.hpp"
 #include <cstdlib>
-#include <thread>
 
 namespace Updater::Testing {
 
@@ -8,8 +7,7 @@ PrivateBus::PrivateBus()  // the daemon prints its address once it listens (and 
     : daemon_(std::make_unique<ChildProcess>("dbus-daemon", std::vector<std::string>{"--session", "--nofork",
           "--print-address=1", "--address=unix:dir=" + Dir()}, Dir(), ",guid=", true)) {
   if (const char* old = std::getenv("DBUS_SESSION_BUS_ADDRESS")) oldAddress_ = old;
-  std::string printed;  // the whole line
-  while ((printed = daemon_->Out()).find('\n') == std::string::npos) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  const std::string printed = daemon_->Out();
   setenv("DBUS_SESSION_BUS_ADDRESS", printed.substr(0, printed.find('\n')).c_str(), 1);
 }
 

@@ -104,7 +104,8 @@ ChildProcess::ChildProcess(const std::string& path, const std::vector<std::strin
       pid_ = -1;
       throw std::runtime_error(path + " exited at start: " + Log());
     }
-    if ((Out() + Log()).find(readyText) != std::string::npos) return;
+    for (const std::string& said : {Out(), Log()})  // a whole line: what comes with it is there too
+      if (const auto at = said.find(readyText); at != std::string::npos && said.find('\n', at) != std::string::npos) return;
   }
   Stop();
   throw std::runtime_error(path + " was not ready: " + Log());

@@ -50,8 +50,8 @@ ProcessResult RunProcess(const std::string& path, const std::vector<std::string>
                          const ProcessOptions& options = {});
 
 // `path` with `args` in the background (`native`: never through the emulator), its standard output and error in
-// files under `workDir`. Ready once `readyText` is in either; throws std::runtime_error when it exits first or is
-// not ready within 10 s.
+// files under `workDir`. Ready once a whole line holding `readyText` is in either; throws std::runtime_error when
+// it exits first or is not ready within 10 s.
 class ChildProcess {
  public:
   ChildProcess(const std::string& path, const std::vector<std::string>& args, const std::string& workDir,
