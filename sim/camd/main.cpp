@@ -46,14 +46,14 @@ class Service {
     }
     // The name goes up last: whoever sees it can call every object at once.
     connection_->requestName(Updater::Camd::kService);
-    // Even when quiet: whoever started us waits for this line.
-    std::cerr << "camd-sim[*]: serving " << cameras_.size() << " camera(s)" << std::endl;
+    Log("*", "serving " + std::to_string(cameras_.size()) + " camera(s)", true);
     connection_->enterEventLoop();
   }
 
  private:
-  void Log(const std::string& camera, const std::string& text) const {
-    if (!options_.quiet) std::cerr << "camd-sim[" << camera << "]: " << text << std::endl;
+  // `always`: even with --quiet, for lines whoever started us waits for.
+  void Log(const std::string& camera, const std::string& text, bool always = false) const {
+    if (always || !options_.quiet) std::cerr << "camd-sim[" << camera << "]: " << text << std::endl;
   }
 
   bool WrongType(const std::string& method) const {
