@@ -22,8 +22,9 @@ class RealClock final : public Clock {
 };
 }  // namespace
 
+// Never destroyed: threads still running while the process exits may use it.
 Clock& SystemClock() {
-  static RealClock clock;
+  static Clock& clock = *new RealClock;
   return clock;
 }
 

@@ -3,15 +3,29 @@
 //   firmware-updater camera <index>   the camera, through camd on D-Bus
 //   firmware-updater tallyvane        the counter-link board
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
 #include <string>
 
 #include "common/log.hpp"
 #include "helpers/camera/vyr_camera.hpp"
 #include "helpers/tallyvane/tallyvane.hpp"
+#include "lc/downlink_frame.hpp"
 #include "sm/update_machine.hpp"
 
 using Updater::Log::Colour;
+
+namespace {
+// The board helper whose receive thread runs, for the error exit: it ends
+// the process from inside the machine, and the thread must be stopped
+// before the statics it uses are torn down.
+Updater::Helpers::Tallyvane* gRunningReader = nullptr;
+
+void StopRunningReader() {
+  if (gRunningReader != nullptr) gRunningReader->StopReaderThread();
+  gRunningReader = nullptr;
+}
+}  // namespace
 
 int main(int argc, char** argv) {
   // A console that goes away (a closed pipe, `| head`) must never cut an
@@ -38,14 +52,25 @@ int main(int argc, char** argv) {
       delete helper;  // before the machine goes
     }
   } else if (target == "tallyvane") {
-    auto* helper = new Updater::Helpers::Tallyvane();
+    const bool concurrent = Updater::Helpers::Tallyvane::ConcurrentFromEnvironment();
+    auto* helper = new Updater::Helpers::Tallyvane(lc::DataDevicePath(), Updater::SystemClock(), concurrent);
     {
       Updater::SM::UpdateMachine machine;
       machine.SetHelper(helper);
-      machine.start();
-      // The board's frames are read only from here on, after the machine has
-      // run; the loop ends only if its running flag is cleared.
-      helper->RunReader();
+      if (concurrent) {
+        // The board's frames are read from before the update starts, on a
+        // thread of their own, and the run ends with the update.
+        helper->StartReaderThread();
+        gRunningReader = helper;
+        std::atexit(StopRunningReader);
+        machine.start();
+        StopRunningReader();
+      } else {
+        machine.start();
+        // The board's frames are read only from here on, after the machine
+        // has run; the loop ends only if its running flag is cleared.
+        helper->RunReader();
+      }
       helper->Close();
       delete helper;
     }

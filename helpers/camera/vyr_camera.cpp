@@ -15,6 +15,7 @@
 #include "common/crc16.hpp"
 #include "common/image_file.hpp"
 #include "common/log.hpp"
+#include "common/stall_limit.hpp"
 #include "dbus/camd_methods.hpp"
 #include "vyrcam/libvyrcam.hpp"
 
@@ -32,21 +33,6 @@ constexpr auto kProgressMargin = std::chrono::seconds(30);
 // The size as the camera protocol carries it: the low 32 bits.
 std::int32_t ProtocolSize(std::uint64_t bytes) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(bytes));
-}
-
-std::optional<std::chrono::seconds> StallLimitFromEnvironment() {
-  const char* text = std::getenv("QUORVEX_STALL_SECONDS");
-  if (text == nullptr || *text == '\0') return VyrCamera::kDefaultStallLimit;
-  char* end = nullptr;
-  errno = 0;
-  const unsigned long long seconds = std::strtoull(text, &end, 10);
-  if (errno != 0 || *end != '\0' || *text == '-' || seconds > 100u * 365 * 24 * 3600) {
-    std::cerr << "QUORVEX_STALL_SECONDS=[" << text << "] is not a number of seconds; using "
-              << VyrCamera::kDefaultStallLimit.count() << std::endl;
-    return VyrCamera::kDefaultStallLimit;
-  }
-  if (seconds == 0) return std::nullopt;
-  return std::chrono::seconds(seconds);
 }
 
 // The index text as typed can hold anything; the lock file name keeps

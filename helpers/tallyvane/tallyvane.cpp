@@ -2,12 +2,15 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -15,6 +18,7 @@
 #include "common/image_file.hpp"
 #include "common/log.hpp"
 #include "common/notify.hpp"
+#include "common/stall_limit.hpp"
 #include "lc/downlink_frame.hpp"
 #include "lc/qel_arm_control.hpp"
 #include "vyrcam/packets.hpp"
@@ -68,28 +72,112 @@ void WriteDump(const char* cells, std::size_t length) {
 std::atomic<Clock::time_point> Tallyvane::lastProgressPrint{std::chrono::system_clock::now()};
 std::atomic<int> Tallyvane::sentBlockCounter{0};
 
-Tallyvane::Tallyvane(std::string devicePath, Updater::Clock& clock)
-    : devicePath(std::move(devicePath)), clock(clock) {}
+namespace {
+// A unit's start time-out is stretched by this much past the stall limit
+// with every progress line, so that only a transfer the limit would end runs into it.
+constexpr auto kProgressMargin = std::chrono::seconds(30);
+constexpr const char* kConcurrentMode = "concurrent";
+// Acknowledgements without progress: paused 200 ms, doubling up to 3.2 s;
+// the eighth in a row gives the update up.
+constexpr auto kIdlePause = std::chrono::milliseconds(200);
+constexpr int kIdlePauseDoublings = 4;
+}  // namespace
 
-Tallyvane::~Tallyvane() = default;
+Tallyvane::Tallyvane(std::string devicePath, Updater::Clock& clock, bool concurrent)
+    : devicePath(std::move(devicePath)),
+      clock(clock),
+      concurrent_(concurrent),
+      stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      stallLimit_(concurrent ? StallLimitFromEnvironment() : std::nullopt),
+      lastProgress_(clock.Monotonic()),
+      progress_("board", clock, stallLimit_.value_or(kDefaultStallLimit) + kProgressMargin) {}
+
+Tallyvane::~Tallyvane() {
+  StopReaderThread();
+  if (stopFd_ >= 0) close(stopFd_);
+}
+
+bool Tallyvane::ConcurrentFromEnvironment() {
+  const char* mode = std::getenv("QUORVEX_TALLYVANE_READER");
+  if (mode == nullptr || *mode == '\0') return false;
+  if (std::strcmp(mode, kConcurrentMode) == 0) return true;
+  std::cerr << "QUORVEX_TALLYVANE_READER=[" << mode << "] is not \"" << kConcurrentMode
+            << "\"; the receive loop runs after the update" << std::endl;
+  return false;
+}
 
 void Tallyvane::Close() {}
 
 // ---- receive path ----------------------------------------------------------
+
+namespace {
+// A data path that fails again right after it was opened (a driver that
+// answers every read with an error, /dev/null, an empty file, a directory)
+// is tried again after a pause that doubles up to the poll time-out, not as
+// fast as the processor allows.
+constexpr auto kFirstRetryPause = std::chrono::milliseconds(10);
+constexpr auto kLongestRetryPause = std::chrono::milliseconds(kPollTimeoutMs);
+
+std::chrono::milliseconds NextRetryPause(std::chrono::milliseconds pause) {
+  return pause.count() == 0 ? kFirstRetryPause : std::min(2 * pause, kLongestRetryPause);
+}
+
+// Where the bytes of a data path that is a plain file were used up, so that
+// a reopen goes on from there and the same frames are never handled twice.
+struct FileMark {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t offset = -1;
+};
+}  // namespace
 
 int Tallyvane::RunReader() {
   auto lastOuch = clock.Now();
   readerRunning = true;
   Notify("READY=1");  // the service manager: the board is being read from now on
 
+  FileMark mark;
+  bool fifo = false;
+  bool regular = false;
+  // Failures (end-of-file or a read error) since bytes last arrived, and the
+  // pause before the next try.
+  int failures = 0;
+  std::chrono::milliseconds pause{0};
+  auto openDevice = [&] {
+    deviceFd = open(devicePath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat st {};
+    fifo = regular = false;
+    if (deviceFd >= 0 && fstat(deviceFd, &st) == 0) {
+      fifo = S_ISFIFO(st.st_mode);
+      regular = S_ISREG(st.st_mode);
+      if (regular && st.st_dev == mark.device && st.st_ino == mark.inode && mark.offset > 0)
+        lseek(deviceFd, mark.offset, SEEK_SET);
+      if (regular) mark = FileMark{st.st_dev, st.st_ino, mark.offset};
+    }
+  };
+  // A FIFO's end-of-file means its writer left, and the reopened FIFO waits
+  // in poll() for the next one, so it is reopened at once however often
+  // that happens. Anything else that fails twice in a row waits.
+  auto failed = [&](bool endOfFile) {
+    ++failures;
+    if (failures < 2 || (endOfFile && fifo)) return;
+    pause = NextRetryPause(pause);
+    clock.Sleep(pause);
+  };
+
   for (;;) {
-    if (deviceFd < 0) deviceFd = open(devicePath.c_str(), O_RDONLY | O_NONBLOCK);
+    if (deviceFd < 0) openDevice();
 
     bool polling = true;
     while (polling) {
       polling = false;
-      pollfd pfd{deviceFd, POLLIN, 0};
-      if (poll(&pfd, 1, kPollTimeoutMs) < 1) {
+      pollfd fds[2] = {{deviceFd, POLLIN, 0}, {stopFd_, POLLIN, 0}};
+      const int ready = poll(fds, 2, kPollTimeoutMs);
+      if (fds[1].revents != 0) {
+        readerRunning = false;  // a stop asked for before the loop began
+        break;
+      }
+      if (ready < 1) {
         const auto now = clock.Now();
         if (now - lastOuch > kOuchInterval) {
           lastOuch = now;
@@ -108,6 +196,7 @@ int Tallyvane::RunReader() {
         } else {
           std::cerr.setstate(std::ios::badbit);
         }
+        failed(false);
       } else if (count == 0) {
         // The writer went away: carry on with a fresh descriptor, the old
         // one closed first, so that a link that keeps flapping cannot use
@@ -116,9 +205,13 @@ int Tallyvane::RunReader() {
         const int result = close(deviceFd);
         deviceFd = -1;
         if (!readerRunning) return result;
-        deviceFd = open(devicePath.c_str(), O_RDONLY | O_NONBLOCK);
+        failed(true);
+        openDevice();
         polling = true;
       } else {
+        failures = 0;
+        pause = std::chrono::milliseconds(0);
+        if (regular) mark.offset = lseek(deviceFd, 0, SEEK_CUR);
         Receive(readBuffer, static_cast<std::size_t>(count));
       }
     }
@@ -129,6 +222,27 @@ int Tallyvane::RunReader() {
       return result;
     }
   }
+}
+
+void Tallyvane::StopReader() {
+  readerRunning = false;
+  // The eventfd stays readable: a loop that has not reached its poll yet
+  // stops there too.
+  const std::uint64_t one = 1;
+  if (stopFd_ >= 0 && write(stopFd_, &one, sizeof one) < 0) {
+    // Only an overflow of the counter can fail, and then it is readable anyway.
+  }
+}
+
+void Tallyvane::StartReaderThread() {
+  if (readerThread_.joinable()) return;
+  readerThread_ = std::thread([this] { RunReader(); });
+}
+
+void Tallyvane::StopReaderThread() {
+  if (!readerThread_.joinable()) return;
+  StopReader();
+  readerThread_.join();
 }
 
 void Tallyvane::Receive(const std::uint8_t* data, std::size_t count) {
@@ -244,6 +358,7 @@ void Tallyvane::OnUpdateInfo(std::uint16_t partialVersion, std::uint32_t downloa
   flashSector = flashRegion;
   // Last, so that whoever sees the flag also sees the values.
   haveUpdateInfo = 1;
+  Wake();
   Log::Debug(Colour::Green, "Processed ACK for setUpdateInfo\n", "\tpartialDlVer: [", partialDlVer.load(),
              "]\n", "\t# DL blocks: [", downloadedBlocks.load(), "]\n", "\tflash Sector: [",
              flashSector.load(), "]");
@@ -261,6 +376,7 @@ void Tallyvane::OnBlockReport(int lastReceivedPos, std::uint32_t next) {
   lastReceived = lastReceivedPos;
   lastAckedBlock = lastReceivedPos;
   blockReportReceived = 1;
+  Wake();
 
   // The end of the image is always worth a line; otherwise the console
   // would scroll one line per chunk.
@@ -293,6 +409,8 @@ void Tallyvane::OnUpdateComplete() {
 
   VYRCam::ApplyUpdate apply;
   SendPacket(apply);
+  applySequence_ = static_cast<int>(apply.SequenceNumber() & 0xFF);
+  Wake();
   Log::Debug(Colour::Green, "Tell UI, or whoever, that the update has completed!");
 }
 
@@ -302,6 +420,8 @@ void Tallyvane::OnUpdateError() {
     pendingPackets.clear();
   }
   ResetUpdateState();
+  ++updateErrors_;
+  Wake();
 }
 
 void Tallyvane::ResetUpdateState() {
@@ -342,12 +462,22 @@ bool Tallyvane::SendPacket(VYRCam::Packet& packet) {
 }
 
 bool Tallyvane::RemovePending(std::uint8_t sequence) {
-  std::lock_guard<std::mutex> lock(queueMutex);
-  if (pendingPackets.empty()) return true;
-  const auto found = std::find_if(pendingPackets.begin(), pendingPackets.end(),
-                                  [sequence](const PendingPacket& p) { return p.sequence == sequence; });
-  if (found == pendingPackets.end()) return false;
-  pendingPackets.erase(found);
+  {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    if (pendingPackets.empty()) return true;
+    const auto found = std::find_if(pendingPackets.begin(), pendingPackets.end(),
+                                    [sequence](const PendingPacket& p) { return p.sequence == sequence; });
+    if (found == pendingPackets.end()) return false;
+    const bool wasOnWire = found == pendingPackets.begin();
+    pendingPackets.erase(found);
+    // The next packet in line goes out as soon as the wire is free, instead
+    // of waiting for its own time-out.
+    if (concurrent_ && wasOnWire && !pendingPackets.empty()) {
+      pendingPackets.front().sentAt = clock.Now();
+      Transmit(pendingPackets.front().bytes);
+    }
+  }
+  Wake();
   return true;
 }
 
@@ -378,6 +508,15 @@ bool Tallyvane::SendBlock(int position, const std::vector<std::uint8_t>& data) {
   blockReportReceived = 0;
   std::cout << "** Sending bytes from [blockNum()] to [" << data.size() - 1 << "]" << '\n';
 
+  if (concurrent_) {
+    // The board reports byte positions, so the last byte sent is what its
+    // report is compared with. Set before the chunk leaves: the report may
+    // come back before SendPacket() returns.
+    const int lastByte = position + static_cast<int>(data.size()) - 1;
+    std::cout << "Setting last sent byte to [" << lastByte << "]" << '\n';
+    lastSentBlock = lastByte;
+    return SendPacket(block);
+  }
   const bool sent = SendPacket(block);
   if (sent) {
     // A count of blocks, compared later with the board's byte positions;
@@ -419,11 +558,16 @@ int Tallyvane::AwaitBlockAck() {
 
 int Tallyvane::WaitForAck(unsigned /*block*/) {
   std::cout << "[Talyvane] waiting for ACK!" << '\n';
+  if (concurrent_) return WaitForAckConcurrent();
   int status = 1;
   for (int attempt = 0; attempt < kAckAttempts; ++attempt) {
     status = AwaitBlockAck();
     if (status == 0) break;
   }
+  return AfterAckWait(status);
+}
+
+int Tallyvane::AfterAckWait(int status) {
   std::cout << "Tallyvane ACK status: " << status << '\n';
 
   if (status == 0) {
@@ -462,6 +606,7 @@ std::uint16_t Tallyvane::tallyvane_checksum(const char* data, std::size_t length
 }
 
 int Tallyvane::CheckForUpdate() {
+  if (concurrent_) return CheckForUpdateConcurrent();
   VYRCam::RequestUpdateInfo request;
   SendPacket(request);
 
@@ -510,6 +655,7 @@ bool Tallyvane::HaveUpdateFile() {
 }
 
 int Tallyvane::GetFirstUpdateBlock() {
+  if (concurrent_) return FirstPositionConcurrent();
   // No limit. Only the receive loop stores the board's position, so this
   // returns only while that loop runs on another thread.
   for (;;) {
@@ -520,6 +666,7 @@ int Tallyvane::GetFirstUpdateBlock() {
 }
 
 int Tallyvane::SendFirmwareBlock(int position) {
+  if (concurrent_) return SendFirmwareBlockConcurrent(position);
   if (packetSize < 1) {
     std::cerr << "Invalid chunk size: [" << packetSize << "], "
               << "can't update tallyvane firmware." << '\n';
@@ -539,6 +686,179 @@ int Tallyvane::SendFirmwareBlock(int position) {
 }
 
 int Tallyvane::GetNextFirmwareBlock() { return nextBlock; }
+
+// ---- the concurrent mode -----------------------------------------------------
+
+void Tallyvane::Wake() {
+  { const std::lock_guard<std::mutex> lock(wakeMutex_); }
+  wake_.notify_all();
+}
+
+bool Tallyvane::AwaitLink(std::chrono::nanoseconds timeout, const std::function<bool()>& ready) {
+  const auto end = clock.Monotonic() + timeout;
+  std::unique_lock<std::mutex> lock(wakeMutex_);
+  for (;;) {
+    const auto now = clock.Monotonic();
+    if (ready()) return true;
+    if (now >= end) return false;
+    const auto slice = std::min<std::chrono::nanoseconds>(end - now, std::chrono::milliseconds(ackTimeoutMs));
+    if (clock.WaitFor(wake_, lock, slice, ready)) return true;
+    lock.unlock();
+    ResendExpired();  // a lost acknowledgement costs ackTimeoutMs, not the update
+    lock.lock();
+  }
+}
+
+std::chrono::nanoseconds Tallyvane::StallTimeLeft() {
+  if (!stallLimit_) return std::chrono::hours(24 * 365);
+  return std::max<std::chrono::nanoseconds>(std::chrono::nanoseconds::zero(),
+                                            lastProgress_ + *stallLimit_ - clock.Monotonic());
+}
+
+bool Tallyvane::Stalled(int position) {
+  const auto idle = clock.Monotonic() - lastProgress_;
+  if (idleAcks_ < kIdleAckRounds && (!stallLimit_ || idle < *stallLimit_)) return false;
+  Log::Error("No progress for ", std::to_string(std::chrono::duration_cast<std::chrono::seconds>(idle).count()),
+             " s, at block [", std::to_string(position), "]; giving up the update");
+  return true;
+}
+
+bool Tallyvane::CompletedAndApplied() const {
+  if (!updateCompleted || applySequence_ < 0) return false;
+  std::lock_guard<std::mutex> lock(queueMutex);
+  return pendingPackets.empty() || pendingPackets.front().sequence == applySequence_;
+}
+
+int Tallyvane::CheckForUpdateConcurrent() {
+  // A lost answer is asked for again once a second, within the designed
+  // time for the whole wait.
+  bool informed = false;
+  for (int round = 0; !informed && round < kUpdateInfoRounds * kUpdateInfoPoll / kReportTimeout; ++round) {
+    if (PendingCount() == 0) {
+      VYRCam::RequestUpdateInfo request;
+      SendPacket(request);
+    }
+    informed = AwaitLink(kReportTimeout, [this] { return haveUpdateInfo != 0; });
+  }
+  if (!informed) {
+    Log::Error("Error asking tallyvane for update info status, not updating");
+    return 0;
+  }
+
+  const auto package = lc::QelArmControl::FilesystemFirmwarePackage(0);
+  packageVersion = package.first;
+  firmwarePath = package.second;
+  if (packageVersion <= lc::QelArmControl::TallyvaneFirmwareVer()) return 0;
+
+  // Every chunk is read through this descriptor: an image renamed over the
+  // file meanwhile cannot mix with the one whose checksum was announced.
+  image_.open(firmwarePath, std::ios::binary);
+  if (!image_.is_open()) return 0;
+  const std::streamoff length = Image::Length(image_);
+  std::uint16_t sum = 0;
+  if (!Image::ReadInPieces(image_, length, [&](const char* data, std::size_t n) { sum = AddBytes(sum, data, n); }))
+    return 0;
+  const std::uint16_t checksum = ReportChecksum(static_cast<std::size_t>(length), sum);
+  std::cout << std::hex;
+  Log::Debug(Colour::Green, "Checksum: [", checksum, "]");
+  std::cout << "This file [" << firmwarePath << "] contains [" << length << "] chunks of [" << packetSize << "]"
+            << '\n';
+  std::cout << "Sending version [" << packageVersion << "] with hash [" << checksum << "] in [" << length
+            << "] chunks" << '\n';
+  checksum_ = checksum;
+  imageSize_ = length;
+  Announce();
+  lastProgress_ = clock.Monotonic();  // the stall limit counts from the announcement
+  return 1;
+}
+
+void Tallyvane::Announce() {
+  VYRCam::UpdateAvailable announce(static_cast<std::uint16_t>(packageVersion), checksum_,
+                                   static_cast<std::uint32_t>(imageSize_));
+  SendPacket(announce);  // queued behind an unacknowledged packet, it leaves when the wire is free
+}
+
+int Tallyvane::FirstPositionConcurrent() {
+  // The board answers the announcement with its first position. When that
+  // answer is lost, the announcement goes out again.
+  while (!AwaitLink(std::min<std::chrono::nanoseconds>(kReportTimeout, StallTimeLeft()),
+                    [this] { return nextBlock != -1; })) {
+    if (StallTimeLeft() <= std::chrono::nanoseconds::zero()) return -1;  // the send refuses it
+    if (PendingCount() == 0) Announce();
+  }
+  firstPosition_ = nextBlock;
+  return firstPosition_;
+}
+
+int Tallyvane::SendFirmwareBlockConcurrent(int position) {
+  if (Stalled(position)) return 0;
+  if (packetSize < 1 || !image_.is_open()) return 0;
+  // One packet awaiting its acknowledgement on the wire at a time: the
+  // previous chunk's must be in (or it goes out again) before this one leaves.
+  if (!AwaitLink(StallTimeLeft(), [this] { return PendingCount() == 0; })) {
+    Stalled(position);
+    return 0;
+  }
+  std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
+  image_.clear();  // the last chunk read up to the end of the file
+  auto chunk = Image::ReadChunk(image_, imageSize_, position, packetSize);
+  if (!chunk) return 0;
+  sentPosition_ = position;
+  sentBytes_ = static_cast<int>(chunk->size());
+  errorsAtSend_ = updateErrors_;
+  return SendBlock(position, *chunk) ? 1 : 0;
+}
+
+bool Tallyvane::NoteProgress() {
+  if (sentBytes_ <= 0 || imageSize_ <= 0) return false;
+  // Measured from the board's first position, wrapping at the end, so that
+  // a board that asks for the start of the image last still moves forward,
+  // and one that asks for the same bytes again does not.
+  const std::int64_t from = ((sentPosition_ - firstPosition_) % imageSize_ + imageSize_) % imageSize_;
+  if (from + sentBytes_ <= traversed_) return false;
+  traversed_ = from + sentBytes_;
+  lastProgress_ = clock.Monotonic();
+  return true;
+}
+
+int Tallyvane::WaitForAckConcurrent() {
+  const auto errorReported = [this] { return updateErrors_ != errorsAtSend_; };
+  // A report of the very bytes sent that names a next position; the one
+  // naming none is followed by UpdateComplete, which is waited for.
+  const auto reported = [this] { return lastAckedBlock == lastSentBlock && nextBlock != -1; };
+  AwaitLink(std::min<std::chrono::nanoseconds>(kReportTimeout, StallTimeLeft()),
+            [&] { return errorReported() || CompletedAndApplied() || reported(); });
+
+  if (CompletedAndApplied()) {
+    NoteProgress();
+    progress_.Report(imageSize_, imageSize_);
+    std::cout << "Tallyvane ACK status: " << 3 << '\n';
+    return 3;
+  }
+  if (errorReported()) {
+    // The board has forgotten the update; no next position ends it.
+    Log::Error("The board reported an update error; giving up the update");
+    nextBlock = -1;
+    std::cout << "Tallyvane ACK status: " << 0 << '\n';
+    return 0;
+  }
+  if (reported()) {
+    // A board that acknowledges without moving forward (an empty chunk, the
+    // same bytes again) is answered ever more slowly, and after a few such
+    // rounds the update is given up: it costs seconds, not the stall limit.
+    if (NoteProgress()) {
+      idleAcks_ = 0;
+    } else if (++idleAcks_ < kIdleAckRounds) {
+      clock.Sleep(kIdlePause * (1 << std::min(idleAcks_ - 1, kIdlePauseDoublings)));
+    }
+    progress_.Report(std::min(imageSize_, firstPosition_ + traversed_), imageSize_);
+    return AfterAckWait(0);
+  }
+  std::cout << "Last Acked: [" << lastAckedBlock.load() << "], last sent: [" << lastSentBlock.load() << "]"
+            << '\n';
+  std::cout << "Returning without firmware black ACK!" << '\n';
+  return AfterAckWait(1);
+}
 
 // ---- inspection --------------------------------------------------------------
 

@@ -44,8 +44,10 @@ struct Downlink {
   }
 };
 
+// Never destroyed: a receive thread that sends while the process exits must
+// not find it torn down.
 Downlink& TheDownlink() {
-  static Downlink link;
+  static Downlink& link = *new Downlink;
   return link;
 }
 

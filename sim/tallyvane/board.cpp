@@ -10,6 +10,9 @@ namespace tallyvane_sim {
 
 namespace {
 
+// How much later a duplicated report follows its original.
+constexpr unsigned kDuplicateDelayMs = 20;
+
 std::string Hex4(unsigned value) {
   char text[8];
   std::snprintf(text, sizeof text, "%04x", value & 0xFFFFu);
@@ -61,6 +64,10 @@ void Board::Emit(const VYRCam::Packet& packet, std::chrono::milliseconds delay, 
 }
 
 void Board::OnFrame(int channel, const std::vector<std::uint8_t>& payload) {
+  if (muted_) {
+    say_("MUTE " + std::to_string(payload.size()) + " bytes on channel " + std::to_string(channel));
+    return;
+  }
   if (channel != lc::kPacketChannel) {
     say_("WARN channel " + std::to_string(channel) + " ignored, " + std::to_string(payload.size()) + " bytes");
     return;
@@ -142,6 +149,10 @@ void Board::Report(int lastReceived, std::uint32_t next) {
     return;
   }
   Emit(VYRCam::ReceivedFirmwareBlock(lastReceived, next), std::chrono::milliseconds(options_.reportDelayMs), what);
+  if (options_.duplicateReports.count(reports_) != 0) {
+    Emit(VYRCam::ReceivedFirmwareBlock(lastReceived, next),
+         std::chrono::milliseconds(options_.reportDelayMs + kDuplicateDelayMs), "again " + what);
+  }
 }
 
 void Board::OnUpdateAvailable(const VYRCam::UpdateAvailable& packet) {
@@ -198,6 +209,8 @@ void Board::OnFirmwareBlock(const VYRCam::FirmwareBlock& packet) {
     Emit(VYRCam::UpdateError(), std::chrono::milliseconds(0), "UpdateError");
     return;
   }
+
+  if (options_.muteAfterChunks != 0 && chunks_ >= options_.muteAfterChunks) muted_ = true;
 
   const long long end = position + static_cast<long long>(data.size());
   const int lastReceived = static_cast<int>(end - 1);

@@ -64,6 +64,7 @@ class Board {
   bool anyVerdict_ = false;
   bool applyRequested_ = false;
   bool errorInjected_ = false;
+  bool muted_ = false;
   unsigned acks_ = 0;
   unsigned reports_ = 0;
   unsigned chunks_ = 0;

@@ -55,6 +55,10 @@ packets (the first one, after UpdateAvailable, is report 1).
                             of their own before these frames
   --error-after N           after the Nth stored chunk send UpdateError
                             instead of a report and forget the update (once)
+  --duplicate-reports LIST  send these block reports twice, the copy 20 ms
+                            after the first, when the host has moved on
+  --mute-after N            after the Nth stored chunk answer nothing any
+                            more: a board that stopped mid-transfer
 
 Behaviour. Every well-formed downlink packet that wants an acknowledgement
 is acknowledged with DatalinkPacketAck (its sequence number, ok). Then:
@@ -170,6 +174,8 @@ bool ParseOptions(int argc, char** argv, Options& o, bool& help, std::string& er
       {"--split-gap-ms", number(o.splitGapMs, 60000)},
       {"--garbage-before", frames(o.garbageBefore)},
       {"--error-after", positive(o.errorAfterChunks)},
+      {"--duplicate-reports", frames(o.duplicateReports)},
+      {"--mute-after", positive(o.muteAfterChunks)},
   };
 
   for (int i = 1; i < argc; ++i) {

@@ -36,6 +36,8 @@ struct Options {
   unsigned splitGapMs = 20;
   std::set<unsigned> garbageBefore;
   unsigned errorAfterChunks = 0;  // 0: never
+  std::set<unsigned> duplicateReports;
+  unsigned muteAfterChunks = 0;  // 0: never
 };
 
 extern const char* const kUsage;

@@ -1,6 +1,7 @@
 // A Clock whose sleeps return at once and move its time forward instead.
 // Safe to share between a reader thread and an update thread.
 #pragma once
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -19,6 +20,18 @@ class FakeClock : public Updater::Clock {
     std::this_thread::yield();  // lets the other thread run, as a real sleep would
     if (onSleep) onSleep();
   }
+  // Time runs on in steps of a millisecond, each a Sleep() (the test's turn), until `ready` or the time-out.
+  bool WaitFor(std::condition_variable&, std::unique_lock<std::mutex>& lock, std::chrono::nanoseconds timeout,
+               const std::function<bool()>& ready) override {
+    for (auto left = timeout; !ready(); left -= kWaitStep) {
+      if (left <= std::chrono::nanoseconds::zero()) return false;
+      lock.unlock();
+      Sleep(std::min<std::chrono::nanoseconds>(left, kWaitStep));
+      lock.lock();
+    }
+    return true;
+  }
+  static constexpr std::chrono::milliseconds kWaitStep{1};
   std::function<void()> onSleep;  // the test's turn, e.g. as the far end, while the code under test waits
   void Advance(std::chrono::nanoseconds d) { now_ns_.fetch_add(d.count()); }
   int Sleeps() const { return sleeps_.load(); }

@@ -7,6 +7,9 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
 
 namespace Updater {
 
@@ -22,6 +25,13 @@ class Clock {
   virtual steady_point Monotonic() { return std::chrono::steady_clock::now(); }
   // Blocks for `duration`; a sleep cut short by a signal goes on with the time left.
   virtual void Sleep(std::chrono::nanoseconds duration) = 0;
+  // Blocks on `cv` (whose mutex `lock` holds) until `ready()` is true or
+  // `timeout` has passed; true when ready. Another thread that changes what
+  // `ready` reads notifies `cv` after taking the mutex, so no wake-up is lost.
+  virtual bool WaitFor(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
+                       std::chrono::nanoseconds timeout, const std::function<bool()>& ready) {
+    return cv.wait_for(lock, timeout, ready);
+  }
 };
 
 // The process-wide real clock: system_clock, steady_clock and nanosleep.

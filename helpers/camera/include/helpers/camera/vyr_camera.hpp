@@ -24,6 +24,7 @@
 
 #include "common/clock.hpp"
 #include "common/notify.hpp"
+#include "common/stall_limit.hpp"
 #include "dbus/bus.hpp"
 #include "dbus/camd_dbus_iface.hpp"
 #include "sm/update_helper.hpp"
@@ -32,7 +33,7 @@ namespace Updater::Helpers {
 
 class VyrCamera : public UpdateHelper {
  public:
-  static constexpr std::chrono::seconds kDefaultStallLimit{300};
+  static constexpr std::chrono::seconds kDefaultStallLimit = Updater::kDefaultStallLimit;
 
   // Brings up D-Bus and builds the proxy for camera `cameraIndex` (the text
   // as typed on the command line). `clock` serves every wait of the update.

@@ -8,17 +8,30 @@
 // queueMutex.
 //
 // Positions are byte offsets in the firmware image; -1 means "none".
+//
+// In the concurrent mode ($QUORVEX_TALLYVANE_READER=concurrent) the receive
+// loop runs on a thread of the helper's own from before the update starts,
+// the waits are woken by what it stores instead of polling, an acknowledged
+// chunk is the board's report of the very bytes that were sent, and every
+// wait obeys the stall limit. Without it the helper keeps its designed
+// behaviour, in which the loop only runs after the update.
 #pragma once
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <fstream>
+#include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/clock.hpp"
+#include "common/notify.hpp"
 #include "lc/downlink_frame.hpp"
 #include "sm/update_helper.hpp"
 
@@ -56,10 +69,18 @@ class Tallyvane : public UpdateHelper {
     int lastAckedBlock;
   };
 
+  // How long the concurrent mode waits for the board's report of a chunk
+  // before the chunk goes out again.
+  static constexpr std::chrono::seconds kReportTimeout{1};
+
   // The data device defaults to the platform's ($QUORVEX_TALLYVANE_DATA or
   // /dev/arm-tallyvane-data), looked up once, here.
   explicit Tallyvane(std::string devicePath = lc::DataDevicePath(),
-                     Updater::Clock& clock = Updater::SystemClock());
+                     Updater::Clock& clock = Updater::SystemClock(), bool concurrent = false);
+  // Whether $QUORVEX_TALLYVANE_READER asks for the concurrent mode. Any
+  // other non-empty value gets a warning on standard error, and the designed
+  // mode runs.
+  static bool ConcurrentFromEnvironment();
   // Frees what the helper owns; the device stays as RunReader() left it and
   // nothing is sent.
   ~Tallyvane() override;
@@ -82,9 +103,13 @@ class Tallyvane : public UpdateHelper {
   // Polls the device until readerRunning is cleared; returns the result of
   // the final close().
   int RunReader();
-  // Ends RunReader() within one poll time-out (1 s).
-  void StopReader() { readerRunning = false; }
+  // Ends RunReader() at once, also when it has not started yet.
+  void StopReader();
   bool ReaderRunning() const { return readerRunning; }
+  // The concurrent mode: RunReader() on a thread of the helper's, and its end.
+  void StartReaderThread();
+  void StopReaderThread();
+  bool Concurrent() const { return concurrent_; }
 
   // Takes the bytes of one read() and parses them. RunReader() feeds every
   // non-empty read through here.
@@ -134,6 +159,30 @@ class Tallyvane : public UpdateHelper {
   static std::atomic<int> sentBlockCounter;
 
  private:
+  // ---- the concurrent mode -------------------------------------------------
+  // Wakes whoever waits in AwaitLink(); called after every change the receive
+  // path makes.
+  void Wake();
+  // Waits until `ready()` or `timeout`, woken by the receive path. A pending
+  // packet whose acknowledgement is overdue goes out again meanwhile.
+  bool AwaitLink(std::chrono::nanoseconds timeout, const std::function<bool()>& ready);
+  // Time left before the stall limit ends the update (the limit counts from
+  // the last acknowledged progress).
+  std::chrono::nanoseconds StallTimeLeft();
+  bool Stalled(int position);
+  // The board has completed and ApplyUpdate is on the wire (or acknowledged).
+  bool CompletedAndApplied() const;
+  int CheckForUpdateConcurrent();
+  int SendFirmwareBlockConcurrent(int position);
+  int WaitForAckConcurrent();
+  int FirstPositionConcurrent();
+  void Announce();
+  static constexpr int kIdleAckRounds = 8;
+  // Prints the status and grows or drops the packet size by it.
+  int AfterAckWait(int status);
+  // True when the chunk just acknowledged moved the transfer forward.
+  bool NoteProgress();
+
   static std::uint16_t ReportChecksum(std::size_t length, std::uint16_t sum);
   void PrintProgress(int lastReceivedPos) const;
   bool Transmit(const std::vector<std::uint8_t>& bytes) const;
@@ -141,6 +190,10 @@ class Tallyvane : public UpdateHelper {
 
   const std::string devicePath;
   Updater::Clock& clock;
+  const bool concurrent_;
+  // Signalled by StopReader(): ends the loop's poll at once.
+  int stopFd_ = -1;
+  std::thread readerThread_;
 
   // Receive side; deviceFd and rxBuffer belong to the reader thread.
   int deviceFd = -1;
@@ -171,6 +224,28 @@ class Tallyvane : public UpdateHelper {
   std::atomic<std::uint8_t> blockReportReceived{0};
   std::atomic<int> lastSentBlock{-1};
   std::atomic<int> lastAckedBlock{-1};
+
+  // The concurrent mode. The waits sleep on `wake_`; what they wait for is
+  // atomic, and the receive path notifies after every change.
+  std::mutex wakeMutex_;
+  std::condition_variable wake_;
+  std::atomic<unsigned> updateErrors_{0};  // error reports seen
+  std::atomic<int> applySequence_{-1};     // the ApplyUpdate's sequence number
+  // The rest belongs to the update thread.
+  std::optional<std::chrono::seconds> stallLimit_;
+  Clock::steady_point lastProgress_{};
+  std::ifstream image_;  // the image the checksum was taken of, read to the end of the run
+  std::int64_t imageSize_ = 0;
+  int firstPosition_ = 0;
+  int sentPosition_ = 0;
+  int sentBytes_ = 0;
+  unsigned errorsAtSend_ = 0;
+  // Bytes acknowledged in the order the board asks for them, from its first
+  // position on (wrapping at the end of the image).
+  std::int64_t traversed_ = 0;
+  int idleAcks_ = 0;  // acknowledgements in a row without progress
+  std::uint16_t checksum_ = 0;
+  ProgressNotifier progress_;
 };
 
 }  // namespace Updater::Helpers
