@@ -214,7 +214,8 @@ void Board::OnFirmwareBlock(const VYRCam::FirmwareBlock& packet) {
 
   const long long end = position + static_cast<long long>(data.size());
   const int lastReceived = static_cast<int>(end - 1);
-  const long long next = FirstMissing(end < 0 ? 0 : static_cast<std::uint64_t>(end));
+  const bool stuck = options_.stuckAfterChunks != 0 && chunks_ >= options_.stuckAfterChunks && position >= 0;
+  const long long next = stuck ? position : FirstMissing(end < 0 ? 0 : static_cast<std::uint64_t>(end));
   if (next < 0) {
     Complete(lastReceived);
   } else {

@@ -59,6 +59,8 @@ packets (the first one, after UpdateAvailable, is report 1).
                             after the first, when the host has moved on
   --mute-after N            after the Nth stored chunk answer nothing any
                             more: a board that stopped mid-transfer
+  --stuck-after N           from the Nth stored chunk on, every report asks
+                            for the chunk just received again
 
 Behaviour. Every well-formed downlink packet that wants an acknowledgement
 is acknowledged with DatalinkPacketAck (its sequence number, ok). Then:
@@ -176,6 +178,7 @@ bool ParseOptions(int argc, char** argv, Options& o, bool& help, std::string& er
       {"--error-after", positive(o.errorAfterChunks)},
       {"--duplicate-reports", frames(o.duplicateReports)},
       {"--mute-after", positive(o.muteAfterChunks)},
+      {"--stuck-after", positive(o.stuckAfterChunks)},
   };
 
   for (int i = 1; i < argc; ++i) {

@@ -38,6 +38,7 @@ struct Options {
   unsigned errorAfterChunks = 0;  // 0: never
   std::set<unsigned> duplicateReports;
   unsigned muteAfterChunks = 0;  // 0: never
+  unsigned stuckAfterChunks = 0;  // 0: never
 };
 
 extern const char* const kUsage;

@@ -1,6 +1,6 @@
-// `firmware-updater tallyvane` as a real process, on the real clock. The board's frames are read only after the
-// machine has run, so the check for update information always waits out its ten seconds. Its data device is a
-// FIFO of ours (QUORVEX_TALLYVANE_DATA), never the host's.
+// `firmware-updater tallyvane` as a real process, on the real clock. By default the board's frames are read only
+// after the machine has run, so the check for update information always waits out its ten seconds. Its data
+// device is a FIFO of ours (QUORVEX_TALLYVANE_DATA), never the host's.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -13,6 +13,7 @@
 #include "notify_socket.hpp"
 #include "subprocess.hpp"
 #include "temp_dir.hpp"
+#include "text.hpp"
 #include "vyrcam/packets.hpp"
 
 using namespace std::chrono_literals;
@@ -57,3 +58,72 @@ TEST(TallyvaneCommandLine, GivesUpOnTheBoardAfterTenSecondsThenKeepsReadingTheDe
             0u) << run.out;
   EXPECT_EQ(run.out.find("Exiting firmware-updater"), std::string::npos);
 }
+
+// The concurrent mode ($QUORVEX_TALLYVANE_READER=concurrent): one board update per run against tallyvane-sim on
+// FIFOs of ours, on the real clock. A 65,000-byte image (not a multiple of the chunk size) replaces the board's
+// version 3 with version 9.
+struct BoardRun {
+  const char* name;
+  std::vector<std::string> simFaults;
+  bool delivered = true;  // byte for byte, applied, and the closing line printed with status 0
+  std::string stallSeconds = "300";
+  std::string line = "Exiting firmware-updater ...";  // printed on standard output
+  std::chrono::seconds within{8};
+  bool boardPresent = true;
+};
+
+void PrintTo(const BoardRun& run, std::ostream* os) { *os << run.name; }
+
+class ConcurrentBoardUpdate : public testing::TestWithParam<BoardRun> {};
+
+TEST_P(ConcurrentBoardUpdate, EndsAsTheBoardAllows) {
+  const BoardRun& run = GetParam();
+  Updater::Testing::TempDir dir;
+  const std::string image = Updater::Testing::RandomBytes(65000, 11);
+  dir.Write("tallyvane-9.bin", image);
+  std::optional<Updater::Testing::ChildProcess> board;
+  std::vector<std::string> args = {"--uplink", dir / "uplink", "--downlink", dir / "downlink", "--out",
+                                   dir / "received.bin", "--version-file", dir / "version", "--board-version", "3"};
+  args.insert(args.end(), run.simFaults.begin(), run.simFaults.end());
+  if (run.boardPresent) {
+    board.emplace(TALLYVANE_SIM_BIN, args, dir.path(), "READY");
+  } else {
+    ASSERT_EQ(mkfifo((dir / "uplink").c_str(), 0600), 0);  // nobody writes, nobody reads the downlink
+  }
+  Updater::Testing::NotifySocket notify(dir / "notify");
+  Updater::Testing::ProcessOptions options;
+  options.env = {{"QUORVEX_TALLYVANE_READER", "concurrent"}, {"QUORVEX_TALLYVANE_DATA", dir / "uplink"},
+                 {"QUORVEX_TALLYVANE_DOWNLINK", dir / "downlink"}, {"QUORVEX_FIRMWARE_DIR", dir.path()},
+                 {"QUORVEX_TALLYVANE_VERSION_FILE", dir / "version"}, {"QUORVEX_STALL_SECONDS", run.stallSeconds},
+                 {"NOTIFY_SOCKET", dir / "notify"}};
+  options.timeout = 60s;
+  const auto result = Updater::Testing::RunProcess(Updater::Testing::UpdaterBinary(), {"tallyvane"}, options);
+  SCOPED_TRACE(result.out.substr(result.out.size() - std::min<std::size_t>(result.out.size(), 2000)) + result.err);
+
+  EXPECT_EQ(result.exitStatus, run.delivered || !run.boardPresent ? 0 : 255);
+  EXPECT_NE(result.out.find(run.line), std::string::npos);
+  EXPECT_LT(result.elapsed, run.within);
+  EXPECT_EQ(Updater::Testing::ReadFile(dir / "received.bin") == image, run.delivered);
+  if (run.boardPresent) {
+    EXPECT_EQ(Updater::Testing::ReadFile(dir / "version"), run.delivered ? "9\n" : "3\n");
+  }
+  const auto statuses = notify.Take();
+  EXPECT_EQ(!statuses.empty() && statuses.back().rfind("STATUS=board: 65000/65000 bytes (100%)", 0) == 0,
+            run.delivered);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Runs, ConcurrentBoardUpdate,
+    testing::Values(BoardRun{"Clean", {}},
+                    BoardRun{"LostDuplicatedAndDamagedReports",
+                             {"--drop-reports", "3,40", "--duplicate-reports", "5,30", "--corrupt-frame", "50"}},
+                    BoardRun{"GarbageBetweenFrames", {"--garbage-before", "4,20,60"}},
+                    BoardRun{"LostAcknowledgement", {"--drop-ack-seq", "7"}},
+                    BoardRun{"ResumeFromTheMiddle", {"--start", "30000"}},
+                    BoardRun{"BoardFallsSilentMidTransfer", {"--mute-after", "100"}, false, "2",
+                             "[ERROR] -- No progress for 2 s, at block [", 6s},
+                    BoardRun{"BoardAsksForTheSameBytesForEver", {"--stuck-after", "50"}, false, "300",
+                             "[ERROR] -- No progress for 12 s, at block [", 16s},
+                    BoardRun{"BoardNeverAnswers", {}, false, "300",
+                             "[ERROR] -- Error asking tallyvane for update info status, not updating", 13s, false}),
+    [](const testing::TestParamInfo<BoardRun>& info) { return std::string(info.param.name); });

@@ -66,6 +66,81 @@ TEST(TallyvaneTransfer, MachineDeliversTheImageByteForByte) {
   EXPECT_EQ(Updater::Testing::ReadFile(dir / "received.bin"), image) << sim.Out();
 }
 
+// The concurrent mode in process: the receive thread and the machine meet in the helper, and the machine ends in
+// UpdateDone with the image delivered.
+TEST(TallyvaneTransfer, ConcurrentModeEndsInUpdateDoneWithTheImageDelivered) {
+  Updater::Testing::TempDir dir;
+  const auto image = Updater::Testing::RandomBytes(3000, 4);
+  dir.Write("tallyvane-9.bin", image);
+  setenv("QUORVEX_FIRMWARE_DIR", dir.path().c_str(), 1);
+  setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir / "downlink").c_str(), 1);
+  setenv("QUORVEX_TALLYVANE_VERSION_FILE", (dir / "board-version").c_str(), 1);
+  const std::string uplink = dir / "uplink";
+  Updater::Testing::ChildProcess sim(TALLYVANE_SIM_BIN, {"--uplink", uplink, "--downlink", dir / "downlink", "--out",
+      dir / "received.bin", "--version-file", dir / "board-version", "--drop-reports", "4"}, dir.path(), "READY");
+  Tallyvane helper(uplink, Updater::SystemClock(), true);
+  helper.StartReaderThread();
+  Updater::SM::UpdateMachine machine;
+  machine.SetHelper(&helper);
+  const std::string out = Updater::Testing::Stdout([&] { machine.start(); });
+  helper.StopReaderThread();
+
+  EXPECT_NE(out.find("Tallyvane ACK status: 3\nExited: WaitingForAck\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("Entered: UpdateDone\n"), std::string::npos);
+  EXPECT_EQ(Updater::Testing::ReadFile(dir / "received.bin"), image);
+}
+
+// A data path that fails on every read (end-of-file or an error, as an empty file, a directory or a dead
+// driver does) is retried after a pause that doubles up to a second, and the frames of a plain file are
+// handled once, however often it is reopened. Two seconds of the real clock show both.
+struct DeadLink {
+  const char* name;
+  void (*make)(const std::string& path);
+  const char* failure;  // the line each failed read prints
+  std::size_t completions = 0;
+};
+
+void PrintTo(const DeadLink& link, std::ostream* os) { *os << link.name; }
+
+class TallyvaneDeadLink : public testing::TestWithParam<DeadLink> {};
+
+TEST_P(TallyvaneDeadLink, IsRetriedAtAPaceThatSlowsDown) {
+  Updater::Testing::TempDir dir;
+  setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir / "downlink").c_str(), 1);
+  GetParam().make(dir / "data");
+  Tallyvane helper(dir / "data", Updater::SystemClock());
+  const auto seen = Updater::Testing::Capture([&] {
+    std::thread reader([&] { helper.RunReader(); });
+    std::this_thread::sleep_for(2s);
+    helper.StopReader();
+    reader.join();
+  });
+  const std::string all = seen.out + seen.err;
+  EXPECT_GE(Updater::Testing::CountOf(all, GetParam().failure), 2u);
+  EXPECT_LE(Updater::Testing::CountOf(all, GetParam().failure), 12u);
+  EXPECT_EQ(Updater::Testing::CountOf(all, "that the update has completed!"), GetParam().completions);
+}
+
+void WriteFrames(const std::string& path) {  // a completion, then an update error that forgets it
+  std::ofstream file(path, std::ios::binary);
+  const auto write = [&](const VYRCam::Packet& packet) {
+    std::vector<std::uint8_t> frame{0xAA, 0xA9};
+    frame.resize(2 + static_cast<std::size_t>(packet.Length()));
+    packet.Pack(frame.data() + 2);
+    file.write(reinterpret_cast<const char*>(frame.data()), static_cast<std::streamsize>(frame.size()));
+  };
+  write(VYRCam::UpdateComplete());
+  write(VYRCam::UpdateError());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Paths, TallyvaneDeadLink,
+    testing::Values(DeadLink{"EmptyFile", [](const std::string& path) { std::ofstream{path}; }, "Read 0 bytes"},
+                    DeadLink{"Directory", [](const std::string& path) { mkdir(path.c_str(), 0700); },
+                             "read() EOD: Is a directory"},
+                    DeadLink{"FileOfFrames", WriteFrames, "Read 0 bytes", 1}),
+    [](const testing::TestParamInfo<DeadLink>& info) { return std::string(info.param.name); });
+
 // The receive loop alone on a real FIFO, its lines counted from a file of ours as they come. A writer that comes
 // and goes 2,000 times costs one "Read 0 bytes" and a reopen each time, and leaves no descriptor or memory
 // behind. A burst of exactly 1024 bytes on a reopened device is one read: its last frame arrives whole.
