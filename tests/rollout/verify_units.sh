@@ -10,7 +10,8 @@ for unit in "$2"/*.service; do
     sed "s|^ExecStart=/usr/bin/firmware-updater|ExecStart=$1|" "$unit" >"$dir/${unit##*/}"
 done
 cd "$dir"
-out=$(systemd-analyze verify firmware-updater-camera@0.service firmware-updater-tallyvane.service 2>&1) || {
+out=$(systemd-analyze verify firmware-updater-camera@0.service firmware-updater-tallyvane.service \
+    firmware-updater-tallyvane-update.service 2>&1) || {
     echo "$out"
     exit 1
 }
