@@ -767,6 +767,7 @@ int Tallyvane::CheckForUpdateConcurrent() {
             << "] chunks" << '\n';
   checksum_ = checksum;
   imageSize_ = length;
+  errorsAtSend_ = updateErrors_;
   Announce();
   lastProgress_ = clock.Monotonic();  // the stall limit counts from the announcement
   return 1;
@@ -781,10 +782,15 @@ void Tallyvane::Announce() {
 int Tallyvane::FirstPositionConcurrent() {
   // The board answers the announcement with its first position. When that
   // answer is lost, the announcement goes out again.
+  const auto refused = [this] { return updateErrors_ != errorsAtSend_; };
   while (!AwaitLink(std::min<std::chrono::nanoseconds>(kReportTimeout, StallTimeLeft()),
-                    [this] { return nextBlock != -1; })) {
+                    [&] { return nextBlock != -1 || refused(); })) {
     if (StallTimeLeft() <= std::chrono::nanoseconds::zero()) return -1;  // the send refuses it
     if (PendingCount() == 0) Announce();
+  }
+  if (refused()) {
+    Log::Error("The board reported an update error; giving up the update");
+    return -1;
   }
   firstPosition_ = nextBlock;
   return firstPosition_;
@@ -792,7 +798,7 @@ int Tallyvane::FirstPositionConcurrent() {
 
 int Tallyvane::SendFirmwareBlockConcurrent(int position) {
   if (Stalled(position)) return 0;
-  if (packetSize < 1 || !image_.is_open()) return 0;
+  if (position < 0 || packetSize < 1 || !image_.is_open()) return 0;
   // One packet awaiting its acknowledgement on the wire at a time: the
   // previous chunk's must be in (or it goes out again) before this one leaves.
   if (!AwaitLink(StallTimeLeft(), [this] { return PendingCount() == 0; })) {
@@ -830,6 +836,9 @@ int Tallyvane::WaitForAckConcurrent() {
             [&] { return errorReported() || CompletedAndApplied() || reported(); });
 
   if (CompletedAndApplied()) {
+    // The board's acknowledgement of ApplyUpdate says it has taken it; it
+    // is waited for a while, but the update is complete either way.
+    AwaitLink(std::chrono::milliseconds(ackTimeoutMs), [this] { return PendingCount() == 0; });
     NoteProgress();
     progress_.Report(imageSize_, imageSize_);
     std::cout << "Tallyvane ACK status: " << 3 << '\n';
