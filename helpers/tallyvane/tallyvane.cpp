@@ -617,35 +617,39 @@ int Tallyvane::CheckForUpdate() {
     return 0;
   }
 
+  std::ifstream image;
+  if (!ReadPackage(image)) return 0;
+  Announce();
+  return 1;
+}
+
+bool Tallyvane::ReadPackage(std::ifstream& image) {
   const auto package = lc::QelArmControl::FilesystemFirmwarePackage(0);
   packageVersion = package.first;
   firmwarePath = package.second;
-  if (packageVersion <= lc::QelArmControl::TallyvaneFirmwareVer()) return 0;
+  if (packageVersion <= lc::QelArmControl::TallyvaneFirmwareVer()) return false;
 
-  std::ifstream image(firmwarePath, std::ios::binary);
-  if (!image.is_open()) return 0;
+  image.open(firmwarePath, std::ios::binary);
+  if (!image.is_open()) return false;
   const std::streamoff length = Image::Length(image);
 
   // Summed piece by piece: the same result as summing the whole image at
   // once, without holding it.
   std::uint16_t sum = 0;
   if (!Image::ReadInPieces(image, length, [&](const char* data, std::size_t n) { sum = AddBytes(sum, data, n); }))
-    return 0;
+    return false;
 
-  const std::uint16_t checksum = ReportChecksum(static_cast<std::size_t>(length), sum);
+  checksum_ = ReportChecksum(static_cast<std::size_t>(length), sum);
+  imageSize_ = length;
   // The checksum is shown in hex and the stream is left that way: every
   // later number on standard output is hex too.
   std::cout << std::hex;
-  Log::Debug(Colour::Green, "Checksum: [", checksum, "]");
+  Log::Debug(Colour::Green, "Checksum: [", checksum_, "]");
   std::cout << "This file [" << firmwarePath << "] contains [" << length << "] chunks of [" << packetSize << "]"
             << '\n';
-
-  std::cout << "Sending version [" << packageVersion << "] with hash [" << checksum << "] in [" << length
+  std::cout << "Sending version [" << packageVersion << "] with hash [" << checksum_ << "] in [" << length
             << "] chunks" << '\n';
-  VYRCam::UpdateAvailable announce(static_cast<std::uint16_t>(packageVersion), checksum,
-                                   static_cast<std::uint32_t>(length));
-  SendPacket(announce);
-  return 1;
+  return true;
 }
 
 bool Tallyvane::HaveUpdateFile() {
@@ -745,28 +749,9 @@ int Tallyvane::CheckForUpdateConcurrent() {
     return 0;
   }
 
-  const auto package = lc::QelArmControl::FilesystemFirmwarePackage(0);
-  packageVersion = package.first;
-  firmwarePath = package.second;
-  if (packageVersion <= lc::QelArmControl::TallyvaneFirmwareVer()) return 0;
-
-  // Every chunk is read through this descriptor: an image renamed over the
-  // file meanwhile cannot mix with the one whose checksum was announced.
-  image_.open(firmwarePath, std::ios::binary);
-  if (!image_.is_open()) return 0;
-  const std::streamoff length = Image::Length(image_);
-  std::uint16_t sum = 0;
-  if (!Image::ReadInPieces(image_, length, [&](const char* data, std::size_t n) { sum = AddBytes(sum, data, n); }))
-    return 0;
-  const std::uint16_t checksum = ReportChecksum(static_cast<std::size_t>(length), sum);
-  std::cout << std::hex;
-  Log::Debug(Colour::Green, "Checksum: [", checksum, "]");
-  std::cout << "This file [" << firmwarePath << "] contains [" << length << "] chunks of [" << packetSize << "]"
-            << '\n';
-  std::cout << "Sending version [" << packageVersion << "] with hash [" << checksum << "] in [" << length
-            << "] chunks" << '\n';
-  checksum_ = checksum;
-  imageSize_ = length;
+  // Every chunk is read through the descriptor kept here: an image renamed
+  // over the file meanwhile cannot mix with the one whose checksum was announced.
+  if (!ReadPackage(image_)) return 0;
   errorsAtSend_ = updateErrors_;
   Announce();
   lastProgress_ = clock.Monotonic();  // the stall limit counts from the announcement

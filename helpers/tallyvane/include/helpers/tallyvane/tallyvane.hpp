@@ -176,7 +176,12 @@ class Tallyvane : public UpdateHelper {
   int SendFirmwareBlockConcurrent(int position);
   int WaitForAckConcurrent();
   int FirstPositionConcurrent();
+  // Announces the image that ReadPackage() summed.
   void Announce();
+  // Looks up the board's package and, when it is newer than what the board
+  // runs, opens it through `image`, sums it and prints what the check prints
+  // before the announcement. False when there is nothing to announce.
+  bool ReadPackage(std::ifstream& image);
   static constexpr int kIdleAckRounds = 8;
   // Prints the status and grows or drops the packet size by it.
   int AfterAckWait(int status);
