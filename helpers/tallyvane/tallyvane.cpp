@@ -752,6 +752,11 @@ int Tallyvane::CheckForUpdateConcurrent() {
   // Every chunk is read through the descriptor kept here: an image renamed
   // over the file meanwhile cannot mix with the one whose checksum was announced.
   if (!ReadPackage(image_)) return 0;
+  if (imageSize_ == 0) {
+    // The board would complete at once, with nothing ever asked for.
+    Log::Error("Firmware image [", firmwarePath, "] is empty; not updating");
+    return 0;
+  }
   errorsAtSend_ = updateErrors_;
   Announce();
   lastProgress_ = clock.Monotonic();  // the stall limit counts from the announcement
