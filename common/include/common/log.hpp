@@ -3,13 +3,16 @@
 // Every coloured line has the same frame: colour, "fw-updater Debug: ", the
 // text, the reset sequence, and std::endl so the line is flushed at once
 // (the updater's output is often read live through a serial console).
-// The parts are streamed one by one into std::cout, so whatever number base
-// the stream is in at the time (the camera check leaves it in hexadecimal)
-// applies to the numbers here too.
+// The line is put together in the stream's own format (the camera check
+// leaves std::cout in hexadecimal, and the numbers here follow it) and goes
+// out in one write: in the board's concurrent mode the receive thread prints
+// too, and a line cut in half by the other thread's would be unreadable.
 #pragma once
 
 #include <iostream>
 #include <ostream>
+#include <sstream>
+#include <string>
 
 namespace Updater::Log {
 
@@ -33,9 +36,13 @@ constexpr const char* Sequence(Colour c) {
 // colour + prefix + parts... + reset + endl, on `os`.
 template <class... Parts>
 std::ostream& WriteLine(std::ostream& os, Colour colour, const Parts&... parts) {
-  os << Sequence(colour) << kPrefix;
-  (os << ... << parts);
-  return os << kReset << std::endl;
+  std::ostringstream line;
+  line.copyfmt(os);
+  line << Sequence(colour) << kPrefix;
+  (line << ... << parts);
+  line << kReset << '\n';
+  const std::string text = line.str();
+  return os.write(text.data(), static_cast<std::streamsize>(text.size())).flush();
 }
 
 // A coloured debug line on standard output.

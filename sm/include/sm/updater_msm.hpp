@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <string>
 #include <typeinfo>
 
 #include <boost/mpl/vector.hpp>
@@ -52,8 +53,11 @@ struct block_sent {
 // ---- shared pieces ---------------------------------------------------------
 
 // One trace line: "Entered: X", "Exited: X", "Action: X".
+// One write, so that a line printed meanwhile by another thread cannot land
+// inside it.
 inline void Trace(const char* what, const char* name) {
-  std::cout << what << ": " << name << std::endl;
+  const std::string line = std::string(what) + ": " + name + '\n';
+  std::cout.write(line.data(), static_cast<std::streamsize>(line.size())).flush();
 }
 
 // MSM's own hook asserts, which NDEBUG compiles away; an exception inside a
