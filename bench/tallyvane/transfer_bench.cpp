@@ -143,6 +143,9 @@ void BM_ConcurrentUpdate(benchmark::State& state) {
     done = true;
     sampler.join();
     state.SetIterationTime(seconds);
+    std::ifstream version(scratch.dir + "/version");
+    int running = 0;
+    if (!(version >> running) || running != 9) state.SkipWithError("the board does not run the new image");
   }
   const double blocks = static_cast<double>((bytes + 63) / 64);
   const double perBlockMs = seconds * 1000 / blocks;
