@@ -7,6 +7,8 @@
 
 namespace Updater::Trust {
 
+std::string NotUsable() { return std::string("not usable: ") + std::strerror(errno); }
+
 std::optional<std::string> Distrust(const struct stat& st) {
   if (st.st_uid != 0 && st.st_uid != geteuid()) return "owned by user " + std::to_string(st.st_uid);
   if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) return std::string("writable by group or others");
@@ -15,7 +17,7 @@ std::optional<std::string> Distrust(const struct stat& st) {
 
 std::optional<std::string> DistrustDirectory(const std::string& path) {
   struct stat st {};
-  if (stat(path.c_str(), &st) != 0) return std::string(std::strerror(errno));
+  if (stat(path.c_str(), &st) != 0) return NotUsable();
   if (!S_ISDIR(st.st_mode)) return std::string("not a directory");
   return Distrust(st);
 }

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "common/file_trust.hpp"
 #include "common/log.hpp"
@@ -38,7 +37,7 @@ Opened File::Open(const std::string& path) {
   struct stat st {};
   std::optional<std::string> why;
   if (fstat(fd, &st) != 0) {
-    why = std::strerror(errno);
+    why = Trust::NotUsable();
   } else if (!S_ISREG(st.st_mode)) {
     why = "not a regular file";
   } else {

@@ -71,7 +71,8 @@ std::string CameraLockDirectory() {
   return (dir != nullptr && *dir != '\0') ? dir : kDefaultLockDir;
 }
 
-int TakeCameraLock(const std::string& cameraIndex, Clock& clock, std::optional<Clock::steady_point> deadline) {
+int TakeCameraLock(const std::string& cameraIndex, Clock& clock,
+                   std::optional<Clock::steady_point> deadline) {
   const std::string dir = CameraLockDirectory();
   const std::string path = dir + "/" + CameraLockName(cameraIndex);
   if (mkdir(dir.c_str(), 0755) == 0) chmod(dir.c_str(), 0755);  // whatever the umask
@@ -81,7 +82,8 @@ int TakeCameraLock(const std::string& cameraIndex, Clock& clock, std::optional<C
   }
   // Non-blocking, so that a FIFO in its place cannot hang the open; no link
   // followed out of the directory.
-  const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, 0600);
+  const int fd =
+      open(path.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, 0600);
   if (fd < 0) {
     Log::Error("Cannot open the lock file [", path, "]: ", std::strerror(errno), "; not updating");
     return -1;
@@ -89,13 +91,13 @@ int TakeCameraLock(const std::string& cameraIndex, Clock& clock, std::optional<C
   struct stat st {};
   std::optional<std::string> why;
   if (fstat(fd, &st) != 0) {
-    why = std::strerror(errno);
+    why = Trust::NotUsable();
   } else if (!S_ISREG(st.st_mode)) {
     why = "not a regular file";
   } else {
     why = Trust::Distrust(st);
   }
-  if (!why && (st.st_mode & 077) != 0 && fchmod(fd, 0600) != 0) why = std::strerror(errno);
+  if (!why && (st.st_mode & 077) != 0 && fchmod(fd, 0600) != 0) why = Trust::NotUsable();
   if (why) {
     Log::Error("Lock file [", path, "] is ", *why, "; not updating");
     return Fail(fd);

@@ -20,8 +20,11 @@ namespace Updater::Trust {
 std::optional<std::string> Distrust(const struct stat& st);
 
 // The same for the directory `path` names (a link followed), adding "not a
-// directory" and a stat() failure's reason.
+// directory" and NotUsable() for a failed stat().
 std::optional<std::string> DistrustDirectory(const std::string& path);
+
+// "not usable: " and errno's text, the reason for a call that failed.
+std::string NotUsable();
 
 // The directory part of `path` ("." when it has none).
 std::string DirectoryOf(const std::string& path);
