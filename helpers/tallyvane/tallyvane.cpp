@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 
 #include "common/image_file.hpp"
@@ -617,20 +616,19 @@ int Tallyvane::CheckForUpdate() {
     return 0;
   }
 
-  std::ifstream image;
+  Image::File image;
   if (!ReadPackage(image)) return 0;
   Announce();
   return 1;
 }
 
-bool Tallyvane::ReadPackage(std::ifstream& image) {
+bool Tallyvane::ReadPackage(Image::File& image) {
   const auto package = lc::QelArmControl::FilesystemFirmwarePackage(0);
   packageVersion = package.first;
   firmwarePath = package.second;
   if (packageVersion <= lc::QelArmControl::TallyvaneFirmwareVer()) return false;
 
-  image.open(firmwarePath, std::ios::binary);
-  if (!image.is_open()) return false;
+  if (image.Open(firmwarePath) != Image::Opened::Yes) return false;
   const std::streamoff length = Image::Length(image);
 
   // Summed piece by piece: the same result as summing the whole image at
@@ -679,8 +677,8 @@ int Tallyvane::SendFirmwareBlock(int position) {
 
   // Opened afresh per chunk: the image may be replaced between updates and
   // a long-lived handle would keep reading the old one.
-  std::ifstream image(firmwarePath, std::ios::binary);
-  if (!image.is_open()) return 0;
+  Image::File image;
+  if (image.Open(firmwarePath) != Image::Opened::Yes) return 0;
   const std::streamoff length = Image::Length(image);
   std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
 

@@ -139,12 +139,19 @@ TEST_F(PlatformTest, FirmwarePackageAndBoardVersionAreReadStrictly) {
   const auto start = Clock::now();
   EXPECT_EQ(QelArmControl::TallyvaneFirmwareVer(), -1) << "a FIFO without a writer";
   EXPECT_LT(Clock::now() - start, 500ms);
+  const int writer = open((dir / "version").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_EQ(write(writer, "7\n", 2), 2);
+  EXPECT_EQ(QelArmControl::TallyvaneFirmwareVer(), -1) << "a FIFO, even one holding a number";
+  close(writer);
   setenv("QUORVEX_FIRMWARE_DIR", (dir / "tallyvane-99.bin").c_str(), 1);  // a file, not a directory
   EXPECT_EQ(board(), none);
 }
 
 TEST_F(PlatformTest, DownlinkGetsOneWholeFramePerCallFromAnyThreadAndFailsQuickly) {
   EXPECT_EQ(Send({1}), 0);
+  dir.Write("downlink");
+  EXPECT_EQ(Send({1}), 0) << "a plain file would swallow every frame";
+  std::filesystem::remove(downlink);
   ASSERT_EQ(mkfifo(downlink.c_str(), 0600), 0);
   auto start = Clock::now();
   EXPECT_EQ(Send({1, 2, 3}), 0);

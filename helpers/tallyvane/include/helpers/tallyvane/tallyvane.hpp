@@ -22,7 +22,6 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -31,6 +30,7 @@
 #include <vector>
 
 #include "common/clock.hpp"
+#include "common/image_file.hpp"
 #include "common/notify.hpp"
 #include "lc/downlink_frame.hpp"
 #include "sm/update_helper.hpp"
@@ -180,8 +180,9 @@ class Tallyvane : public UpdateHelper {
   void Announce();
   // Looks up the board's package and, when it is newer than what the board
   // runs, opens it through `image`, sums it and prints what the check prints
-  // before the announcement. False when there is nothing to announce.
-  bool ReadPackage(std::ifstream& image);
+  // before the announcement. False when there is nothing to announce, or
+  // the package is refused (see Image::File::Open).
+  bool ReadPackage(Image::File& image);
   static constexpr int kIdleAckRounds = 8;
   // Prints the status and grows or drops the packet size by it.
   int AfterAckWait(int status);
@@ -239,7 +240,7 @@ class Tallyvane : public UpdateHelper {
   // The rest belongs to the update thread.
   std::optional<std::chrono::seconds> stallLimit_;
   Clock::steady_point lastProgress_{};
-  std::ifstream image_;  // the image the checksum was taken of, read to the end of the run
+  Image::File image_;  // the image the checksum was taken of, read to the end of the run
   std::int64_t imageSize_ = 0;
   int firstPosition_ = 0;
   int sentPosition_ = 0;
