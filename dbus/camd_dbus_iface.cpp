@@ -192,6 +192,7 @@ int CamdDbusIface::WaitForAck() {
   std::cout << "camd waiting for ACK!" << std::endl;
   std::int32_t status = 1;
   bool lastBlockAcked = false;
+  ackFailed_ = false;
   for (int poll = 0; poll < kAckPolls; ++poll) {
     sdbus::MethodReply reply;
     try {
@@ -201,6 +202,7 @@ int CamdDbusIface::WaitForAck() {
       // already confirmed the whole image.
       std::cout << "Exception caught: " << e.what() << std::endl;
       status = lastBlockAcked ? kLastBlockAcked : 1;
+      ackFailed_ = true;
       break;
     }
     status = ReadFirst<std::int32_t>(reply, Method::WaitForAck);

@@ -38,10 +38,9 @@ std::int32_t ProtocolSize(std::uint64_t bytes) {
 VyrCamera::VyrCamera(std::string cameraIndex, Clock& clock)
     : cameraIndex_(std::move(cameraIndex)),
       clock_(clock),
-      stallLimit_(StallLimitFromEnvironment()),
-      lastProgress_(clock.Monotonic()),
+      stall_(StallLimitFromEnvironment(), clock),
       progress_("camera " + cameraIndex_, clock,
-                stallLimit_.value_or(kDefaultStallLimit) + kProgressMargin) {
+                stall_.Limit().value_or(kDefaultStallLimit) + kProgressMargin) {
   Dbus::Initialize();
   camdProxy = CamdDbusIface::create(Camd::kService, Camd::ObjectPath(cameraIndex_), Camd::kInterface, clock_);
 }
@@ -61,12 +60,12 @@ int VyrCamera::CheckForUpdate() {
   // Waiting for another run of this camera counts against the limit too: a
   // lock held by a run that never ends must not hold this one for ever.
   std::optional<Clock::steady_point> deadline;
-  if (stallLimit_) deadline = clock_.Monotonic() + *stallLimit_;
+  if (stall_.Limit()) deadline = clock_.Monotonic() + *stall_.Limit();
   if (!TakeLock(deadline)) return false;
   camdProxy->SetDeadline(deadline);
   const int update = CheckWithCamd();
   camdProxy->SetDeadline(std::nullopt);
-  lastProgress_ = clock_.Monotonic();
+  stall_.Progressed();
   return update;
 }
 
@@ -122,7 +121,14 @@ int VyrCamera::CheckWithCamd() {
   // The size twice is what the line has always shown; no chunk count is worked out.
   std::cout << "This file [" << size << "] contains [" << size << "] chunks of ["
             << camdProxy->packetSize << "]" << std::endl;
-  camdProxy->SendUpdateAvailable(fileVersion, static_cast<int>(checksum), size);
+  // Without the announcement camd would file the chunks under whatever it was
+  // told before, perhaps another image's version and checksum.
+  if (!camdProxy->SendUpdateAvailable(fileVersion, static_cast<int>(checksum), size)) {
+    Log::Error("camd did not take the announcement of version ", std::to_string(fileVersion), " ([",
+               std::to_string(size), "] bytes, checksum ", std::to_string(checksum), "); not updating");
+    image_.close();
+    return false;
+  }
   imageSize_ = size;  // progress
   return true;
 }
@@ -135,17 +141,8 @@ bool VyrCamera::HaveUpdateFile() {
 
 int VyrCamera::GetFirstUpdateBlock() { return camdProxy->GetFirstUpdateBlock(); }
 
-bool VyrCamera::Stalled(int block) {
-  if (!stallLimit_) return false;
-  const auto idle = clock_.Monotonic() - lastProgress_;
-  if (idle < *stallLimit_) return false;
-  Log::Error("No progress for ", std::to_string(std::chrono::duration_cast<std::chrono::seconds>(idle).count()),
-             " s, at block [", std::to_string(block), "]; giving up the update");
-  return true;
-}
-
 int VyrCamera::SendFirmwareBlock(int block) {
-  if (Stalled(block)) return false;
+  if (stall_.GivenUp(block)) return false;
   blockSize = camdProxy->packetSize;
   if (blockSize < 1) {
     std::cerr << "Invalid chunk size from camd: [" << blockSize << "], "
@@ -169,12 +166,19 @@ int VyrCamera::SendFirmwareBlock(int block) {
 
 int VyrCamera::WaitForAck(unsigned /*block*/) {
   const int status = camdProxy->WaitForAck();
+  if (status != 0 && status != 3) {
+    // A loss has had its ten polls; an error answer comes at once, and a camd
+    // that only errs would otherwise be asked again without a pause.
+    if (camdProxy->AckFailed()) stall_.Idle();
+    return status;
+  }
   // 0 and 3 both mean camd kept the chunk just sent. An empty chunk moves
   // nothing forward, however often it is acknowledged.
-  if (status != 0 && status != 3) return status;
   if (sentBytes_ > 0 && sentBlock_ + sentBytes_ > ackedEnd_) {
     ackedEnd_ = sentBlock_ + sentBytes_;
-    lastProgress_ = clock_.Monotonic();
+    stall_.Progressed();
+  } else if (status == 0) {
+    stall_.Idle();
   }
   progress_.Report(ackedEnd_, imageSize_);
   return status;

@@ -127,7 +127,7 @@ TEST_F(CamdBusTest, AckWaitAdaptsThePacketSize) {
       // Not a halving of 64 but below the ceiling: it doubles past 64.
       {{}, 63, 0, 126, "camd ACK status: 0\nBumping packet size to [126]\n", "", 1, 0, 0},
       {{"--ack-status=1-:5"}, 64, 5, 64, "camd ACK status: 5\n", "", 10, 0, 10},
-      {{"--error=WaitForAck@1"}, 64, 1, 32, injected + drop + "32]\n", lost, 1, 1, 0},
+      {{"--error=WaitForAck@1"}, 64, 1, 32, injected + drop + "32]\n", lost, 1, 1, 1},  // paced: it came at once
       // Once camd has said the image is complete, a later error cannot make it a loss.
       {{"--ack-status=1:3", "--error=WaitForAck@2"}, 64, 3, 64, injected + "camd ACK status: 3\n", "", 2, 0, 1},
   };

@@ -13,9 +13,11 @@
 // - every chunk comes from the image the update check opened, even if a
 //   package manager replaces the file meanwhile;
 // - images camd's signed 32-bit positions cannot address are refused;
+// - no chunk goes out unless camd has taken the image's announcement;
 // - a stall limit ($QUORVEX_STALL_SECONDS, default 300, 0 = none): the update
 //   check, with any wait for the lock, may take that long in all, and the block loop gives up once no new
-//   byte has been acknowledged for that long.
+//   byte has been acknowledged for that long, or sooner after a few paced
+//   rounds in which camd acknowledged nothing new or answered with errors.
 #pragma once
 
 #include <chrono>
@@ -58,7 +60,6 @@ class VyrCamera : public UpdateHelper {
  private:
   bool TakeLock(std::optional<Clock::steady_point> deadline);
   int CheckWithCamd();
-  bool Stalled(int block);
 
   std::shared_ptr<CamdDbusIface> camdProxy;
   std::int32_t blockSize = 64;
@@ -68,14 +69,13 @@ class VyrCamera : public UpdateHelper {
 
   const std::string cameraIndex_;
   Clock& clock_;
-  std::optional<std::chrono::seconds> stallLimit_;
+  StallWatch stall_;  // progress: the highest acknowledged chunk end
   int lockFd_ = -1;
   Image::File image_;
   // The chunk on its way and the progress it may make once acknowledged.
   std::int64_t sentBlock_ = 0;
   std::int64_t sentBytes_ = 0;
   std::int64_t ackedEnd_ = 0;
-  Clock::steady_point lastProgress_;
   // Progress for the service manager (sd_notify), out of the image size.
   ProgressNotifier progress_;
   std::int64_t imageSize_ = 0;
