@@ -127,7 +127,7 @@ TEST_F(CamdBusTest, AckWaitAdaptsThePacketSize) {
       // Not a halving of 64 but below the ceiling: it doubles past 64.
       {{}, 63, 0, 126, "camd ACK status: 0\nBumping packet size to [126]\n", "", 1, 0, 0},
       {{"--ack-status=1-:5"}, 64, 5, 64, "camd ACK status: 5\n", "", 10, 0, 10},
-      {{"--error=WaitForAck@1"}, 64, 1, 32, injected + drop + "32]\n", lost, 1, 1, 1},  // paced: it came at once
+      {{"--error=WaitForAck@1"}, 64, 1, 32, injected + drop + "32]\n", lost, 1, 1, 0},
       // Once camd has said the image is complete, a later error cannot make it a loss.
       {{"--ack-status=1:3", "--error=WaitForAck@2"}, 64, 3, 64, injected + "camd ACK status: 3\n", "", 2, 0, 1},
   };
@@ -141,7 +141,7 @@ TEST_F(CamdBusTest, AckWaitAdaptsThePacketSize) {
     camd.SendUpdateAvailable(2, 0, 1000);
     camd.SendFirmwareBlock(0, std::vector<unsigned char>(64, 1));  // something to acknowledge
     int status = -1;
-    const auto run = Capture([&] { status = camera.WaitForAck(0); });
+    const auto run = Capture([&] { status = camd.WaitForAck(); });
     camd.GetFlashRegion();  // answered, so camd has handled any DequeuePacket sent before it
     EXPECT_EQ(std::make_tuple(run.out, run.err, status, camd.packetSize, SimCalls("WaitForAck"), SimCalls("DequeuePacket")),
               std::make_tuple("camd waiting for ACK!\n" + row.out, row.err, row.status, row.end, row.polls, row.dequeues));
@@ -156,6 +156,7 @@ TEST_F(CamdBusTest, UpdateCheckFirstBlockAndStallLimit) {
   ASSERT_EQ(ReferenceCrc("123456789"), "29b1");  // the catalogue check value
   const auto large = RandomBytes(3 * 65536 + 1234, 42);  // several checksum pieces, ending mid-piece
   const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- ", reset = "\033[0m\n";
+  const std::string gaveUp = " s, at block [0]; giving up the update" + reset;
   // out: found on standard output or error; sends: of a block loop after the check, when any; images past the large one are sparse
   const struct { std::vector<std::string> sim; std::uintmax_t imageBytes; const char* stallSeconds; int update; std::string out;
                  std::size_t infoPolls; int sends; std::chrono::milliseconds slept; int first = 0;
@@ -171,8 +172,12 @@ TEST_F(CamdBusTest, UpdateCheckFirstBlockAndStallLimit) {
       {{"--info-false=101"}, large.size(), nullptr, 1, "\nChecksum:" + ReferenceCrc(large) +
        "\nThis file [304d2] contains [304d2] chunks of [40]\n", 102, 0, 101 * 100ms},
       {{"--info-false=forever"}, 100, "5", 0, "Error asking camd for update info status, not updating\n", 50, 0, 5s},  // 50 polls
-      // Every chunk lost: three rounds of ten polls (2 s each) pass a 5 s limit.
-      {{"--loss-rate=1"}, 1000, "5", 1, red + "No progress for 6 s, at block [0]; giving up the update" + reset, 1, 3, 6s},
+      // Every chunk lost: two rounds of ten polls (2 s each) reach a 4 s limit, which ends the loop then.
+      {{"--loss-rate=1"}, 1000, "4", 1, red + "No progress for 4" + gaveUp, 1, 2, 4s},
+      // No limit: the same chunk acknowledged again and again, or error answers, are paced 0.2 s doubling
+      // up to 3.2 s, and the eighth such round ends the loop.
+      {{}, 1000, "0", 1, red + "No progress for 12" + gaveUp, 1, 9, 12600ms},
+      {{"--error=WaitForAck"}, 1000, "0", 1, red + "No progress for 12" + gaveUp, 1, 8, 12600ms},
       // Not yet: ten polls, 200 ms apart. An error on the third poll ends them with the last answer, and no retry.
       {{"--first=-1"}, 100, nullptr, 1, "Checksum:", 1, 0, 2s, -1, 10},
       {{"--first=-1", "--error=GetFirstUpdateBlock@3"}, 100, nullptr, 1, "Dbus::Error: injected failure of GetFirstUpdateBlock\n",
