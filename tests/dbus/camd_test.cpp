@@ -210,7 +210,9 @@ TEST_F(CamdBusTest, UpdateCheckFirstBlockAndStallLimit) {
     int update = -1, sends = 0, first = 1;
     const auto run = Capture([&] {
       update = camera.CheckForUpdate();
-      for (int block = first = camera.GetFirstUpdateBlock(); row.sends && camera.SendFirmwareBlock(block); ++sends) camera.WaitForAck(0);
+      first = camera.GetFirstUpdateBlock();
+      // One block past the expected count at most: a loop that would not end fails instead.
+      for (; row.sends && sends <= row.sends && camera.SendFirmwareBlock(first); ++sends) camera.WaitForAck(0);
     });
     ReleaseLock();
     std::string out = row.out;
