@@ -51,8 +51,9 @@ std::chrono::nanoseconds StallWatch::TimeLeft() {
 bool StallWatch::GivenUp(long long block) {
   const auto idle = clock_.Monotonic() - lastProgress_;
   if (idleRounds_ < kIdleRounds && (!limit_ || idle < *limit_)) return false;
-  Log::Error("No progress for ", std::to_string(std::chrono::duration_cast<std::chrono::seconds>(idle).count()),
-             " s, at block [", std::to_string(block), "]; giving up the update");
+  Log::Error("No progress for ",
+             std::to_string(std::chrono::duration_cast<std::chrono::seconds>(idle).count()), " s, at block [",
+             std::to_string(block), "]; giving up the update");
   return true;
 }
 

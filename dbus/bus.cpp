@@ -19,7 +19,8 @@ std::atomic<bool> initialized{false};
 // Where sd-bus looks for the session bus.
 std::string SessionBusAddress() {
   if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS")) return address;
-  if (const char* runtime = std::getenv("XDG_RUNTIME_DIR")) return std::string("unix:path=") + runtime + "/bus";
+  if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"))
+    return std::string("unix:path=") + runtime + "/bus";
   return "";
 }
 
@@ -37,13 +38,15 @@ bool AnswersWithin(const std::string& address, std::chrono::microseconds timeout
   if (sd_bus_set_address(bus, address.c_str()) >= 0 && sd_bus_set_bus_client(bus, 1) >= 0 &&
       sd_bus_start(bus) >= 0) {
     while (sd_bus_is_ready(bus) == 0) {
-      const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - std::chrono::steady_clock::now());
+      const auto left =
+          std::chrono::duration_cast<std::chrono::microseconds>(end - std::chrono::steady_clock::now());
       if (left.count() <= 0) {
         answered = false;
         break;
       }
       const int processed = sd_bus_process(bus, nullptr);
-      if (processed < 0 || (processed == 0 && sd_bus_wait(bus, static_cast<std::uint64_t>(left.count())) < 0)) break;
+      if (processed < 0 || (processed == 0 && sd_bus_wait(bus, static_cast<std::uint64_t>(left.count())) < 0))
+        break;
     }
   }
   sd_bus_close_unref(bus);
@@ -67,8 +70,9 @@ std::unique_ptr<sdbus::IConnection> ConnectSessionBus(std::chrono::microseconds 
   const std::string where =
       address != nullptr ? " at [" + std::string(address) + "]" : " (DBUS_SESSION_BUS_ADDRESS is not set)";
   if (!AnswersWithin(SessionBusAddress(), timeout))
-    throw sdbus::Error("org.freedesktop.DBus.Error.Timeout",
-                       "The bus did not answer within " + std::to_string(timeout.count() / 1000) + " ms" + where);
+    throw sdbus::Error(
+        "org.freedesktop.DBus.Error.Timeout",
+        "The bus did not answer within " + std::to_string(timeout.count() / 1000) + " ms" + where);
   // createConnection() and the connection-less proxies would open the
   // system bus; camd lives on the session bus.
   try {

@@ -67,8 +67,9 @@ sdbus::IProxy& CamdDbusIface::Proxy() {
     if (!connection_) {
       // Like a call: the library's default time-out, shortened by the deadline.
       auto timeout = std::chrono::duration_cast<std::chrono::microseconds>(kDefaultCallTimeout);
-      if (deadline_) timeout = std::min(timeout, std::chrono::duration_cast<std::chrono::microseconds>(
-                                                     *deadline_ - clock_.Monotonic()));
+      if (deadline_)
+        timeout = std::min(
+            timeout, std::chrono::duration_cast<std::chrono::microseconds>(*deadline_ - clock_.Monotonic()));
       connection_ = Dbus::ConnectSessionBus(std::max(timeout, std::chrono::microseconds(1)));
     }
     proxy_ = sdbus::createProxy(*connection_, service_, path_);

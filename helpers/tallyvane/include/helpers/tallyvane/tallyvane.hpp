@@ -234,7 +234,7 @@ class Tallyvane : public UpdateHelper {
   std::atomic<unsigned> updateErrors_{0};  // error reports seen
   std::atomic<int> applySequence_{-1};     // the ApplyUpdate's sequence number
   // The rest belongs to the update thread.
-  StallWatch stall_;    // the stall limit and the idle rounds
+  StallWatch stall_;   // the stall limit and the idle rounds
   Image::File image_;  // the image the checksum was taken of, read to the end of the run
   std::int64_t imageSize_ = 0;
   int firstPosition_ = 0;
