@@ -20,7 +20,7 @@ std::optional<std::chrono::seconds> StallLimitFromEnvironment() {
   char* end = nullptr;
   errno = 0;
   const unsigned long long seconds = std::strtoull(text, &end, 10);
-  if (errno != 0 || *end != '\0' || *text == '-' || seconds > 100u * 365 * 24 * 3600) {
+  if (errno != 0 || *end != '\0' || *text == '-' || seconds > 100ULL * 365 * 24 * 3600) {
     std::cerr << "QUORVEX_STALL_SECONDS=[" << text << "] is not a number of seconds; using "
               << kDefaultStallLimit.count() << std::endl;
     return kDefaultStallLimit;

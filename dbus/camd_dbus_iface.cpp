@@ -168,7 +168,7 @@ bool CamdDbusIface::UpdateInfoReceived() {
   return CallWithTries<bool>(Method::UpdateInfoReceived).value_or(false);
 }
 
-bool CamdDbusIface::SendFirmwareBlock(int block, std::vector<unsigned char> data) {
+bool CamdDbusIface::SendFirmwareBlock(int block, const std::vector<unsigned char>& data) {
   std::cout << "Sending camd firmware block" << std::endl;
   return CallWithTries<bool>(Method::SendFirmwareBlock, std::int32_t{block}, data).value_or(false);
 }

@@ -30,7 +30,7 @@ void StopRunningReader() {
 int main(int argc, char** argv) {
   // A console that goes away (a closed pipe, `| head`) must never cut an
   // update short: output to it is lost, the update goes on.
-  std::signal(SIGPIPE, SIG_IGN);
+  (void)std::signal(SIGPIPE, SIG_IGN);  // cannot fail for a valid signal
   if (argc < 2) {
     // Naming the program path here, not a target, is what users have always seen.
     std::cerr << "Missing target for [" << argv[0] << "]" << std::endl;
@@ -62,7 +62,10 @@ int main(int argc, char** argv) {
         // thread of their own, and the run ends with the update.
         helper->StartReaderThread();
         gRunningReader = helper;
-        std::atexit(StopRunningReader);
+        // Without room for the handler, an error exit would leave the reader
+        // thread running under exit(): a run that cannot stop it cleanly
+        // does not start.
+        if (std::atexit(StopRunningReader) != 0) std::abort();
         machine.start();
         StopRunningReader();
       } else {

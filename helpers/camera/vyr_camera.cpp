@@ -161,7 +161,7 @@ int VyrCamera::SendFirmwareBlock(int block) {
   sentBlock_ = block;
   sentBytes_ = static_cast<std::int64_t>(chunk->size());
   // A shortened chunk still goes out: that is how the last one is sent.
-  return camdProxy->SendFirmwareBlock(block, std::move(*chunk));
+  return camdProxy->SendFirmwareBlock(block, *chunk);
 }
 
 int VyrCamera::WaitForAck(unsigned /*block*/) {

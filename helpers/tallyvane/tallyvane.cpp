@@ -60,10 +60,11 @@ std::string HexCells(const std::uint8_t* data, std::size_t count) {
   return cells;
 }
 
+// Console output: a console that fails loses the dump and nothing else.
 void WriteDump(const char* cells, std::size_t length) {
-  std::puts("*** Received:");
-  std::fwrite(cells, 1, length, stdout);
-  std::putchar('\n');
+  (void)std::puts("*** Received:");
+  (void)std::fwrite(cells, 1, length, stdout);
+  (void)std::putchar('\n');
 }
 
 }  // namespace
@@ -175,8 +176,8 @@ int Tallyvane::RunReader() {
         const auto now = clock.Now();
         if (now - lastOuch > kOuchInterval) {
           lastOuch = now;
-          std::puts("Tallyvane polling ouch...");
-          std::fflush(stdout);
+          (void)std::puts("Tallyvane polling ouch...");  // console only, as above
+          (void)std::fflush(stdout);
         }
         break;
       }

@@ -49,7 +49,8 @@ std::pair<int, std::string> NewestPackage(const std::string& directory, const st
     // "007" and "7" name the same version; the choice between them must not
     // depend on the order readdir() happens to return.
     if (version == bestVersion && name >= bestName) continue;
-    const std::string path = directory + "/" + name;
+    std::string path = directory;
+    path.append("/").append(name);
     struct stat st {};
     if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
     bestVersion = version;

@@ -224,7 +224,7 @@ bool Camera::SendUpdateAvailable(int version, int checksum, int length) {
   return true;
 }
 
-int Camera::GetFirstUpdateBlock() { return options_.firstBlock; }
+int Camera::GetFirstUpdateBlock() const { return options_.firstBlock; }
 
 bool Camera::SendFirmwareBlock(int position, std::vector<std::uint8_t> data) {
   ++sendCalls_;
@@ -290,11 +290,12 @@ std::string Camera::Verdict() const {
   const unsigned crc = Crc16(image_);
   const bool ok = Intact(crc);
   char buf[200];
-  std::snprintf(buf, sizeof buf, "VERDICT %s camera=%s bytes=%ld crc=%04x", ok ? "ok" : "bad",
+  // Both lines fit the buffer: an index is cut short at worst.
+  (void)std::snprintf(buf, sizeof buf, "VERDICT %s camera=%s bytes=%ld crc=%04x", ok ? "ok" : "bad",
                 index_.c_str(), held_, crc);
   std::string line = buf;
   if (!ok) {
-    std::snprintf(buf, sizeof buf, " expected-bytes=%d expected-crc=%04x", announcedLength_,
+    (void)std::snprintf(buf, sizeof buf, " expected-bytes=%d expected-crc=%04x", announcedLength_,
                   static_cast<unsigned>(announcedCrc_ & 0xFFFF));
     line += buf;
   }

@@ -80,7 +80,7 @@ class Camera {
   // that has applied it; until then --version.
   int GetCameraFirmwareVersion() const { return runningVersion_; }
   bool SendUpdateAvailable(int version, int checksum, int length);
-  int GetFirstUpdateBlock();
+  int GetFirstUpdateBlock() const;
   bool SendFirmwareBlock(int position, std::vector<std::uint8_t> data);
   int WaitForAck();
   int GetNextFirmwareBlock();

@@ -54,7 +54,7 @@ class File : public std::istream {
 
 // Pieces of the whole-image pass: large enough to read quickly, small enough
 // that memory stays flat whatever the image size.
-inline constexpr std::size_t kPieceBytes = 64 * 1024;
+inline constexpr std::size_t kPieceBytes = std::size_t{64} * 1024;
 
 // Whole bytes of the file behind `image`, -1 when the stream cannot tell; leaves
 // the stream at the start, ready for a pass that may follow an earlier one.

@@ -53,7 +53,7 @@ class CamdDbusIface {
   int GetNextFirmwareBlock();
   bool SendUpdateAvailable(int version, int checksum, int size);
   bool UpdateInfoReceived();
-  bool SendFirmwareBlock(int block, std::vector<unsigned char> data);
+  bool SendFirmwareBlock(int block, const std::vector<unsigned char>& data);
   // Sent without waiting for an answer; only a local failure is retried.
   void RequestUpdateInfo();
   void ClearPendingUpdate();

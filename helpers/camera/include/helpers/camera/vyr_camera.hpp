@@ -63,7 +63,8 @@ class VyrCamera : public UpdateHelper {
 
   std::shared_ptr<CamdDbusIface> camdProxy;
   std::int32_t blockSize = 64;
-  std::int32_t reserved = -1;
+  // Set and never read, as the camera was first written; kept for the field's sake.
+  [[maybe_unused]] std::int32_t reserved = -1;
   std::int32_t fileVersion = -1;
   std::string firmwarePath;
 
