@@ -8,8 +8,7 @@ namespace Updater {
 void NanoSleep(std::chrono::nanoseconds duration) {
   if (duration.count() <= 0) return;
   const auto secs = std::chrono::duration_cast<std::chrono::seconds>(duration);
-  timespec request{static_cast<time_t>(secs.count()),
-                   static_cast<long>((duration - secs).count())};
+  timespec request{static_cast<time_t>(secs.count()), static_cast<long>((duration - secs).count())};
   timespec remaining{};
   while (nanosleep(&request, &remaining) == -1 && errno == EINTR) request = remaining;
 }

@@ -23,9 +23,7 @@ constexpr std::int32_t kMaxGrowablePacket = 63;
 constexpr std::int32_t kLastBlockAcked = 3;
 constexpr auto kDefaultCallTimeout = std::chrono::seconds(25);  // sd-bus's
 
-void LogDbusError(const sdbus::Error& e) {
-  std::cerr << "Dbus::Error: " << e.getMessage() << std::endl;
-}
+void LogDbusError(const sdbus::Error& e) { std::cerr << "Dbus::Error: " << e.getMessage() << std::endl; }
 
 // Errors that say the connection itself is gone (the bus daemon ended, the
 // socket broke), as opposed to camd answering with an error or not at all.
@@ -232,8 +230,7 @@ int CamdDbusIface::WaitForAck() {
   if (status == 1) {
     DequeuePacket();
     if (packetSize > 1) packetSize /= 2;
-    std::cout << "********************* Dropping packet size to [" << packetSize << "]"
-              << std::endl;
+    std::cout << "********************* Dropping packet size to [" << packetSize << "]" << std::endl;
     std::cerr << "Caught ACK timeout! Still waiting..." << std::endl;
     return 1;
   }

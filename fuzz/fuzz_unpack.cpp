@@ -25,8 +25,10 @@ void Check(const std::uint8_t* data, std::size_t size) {
   // everything else must come back byte for byte.
   if constexpr (std::is_same_v<T, VYRCam::DatalinkPacketAck>) {
     T second;
-    if (second.Unpack(reinterpret_cast<const char*>(again.data()), again.size()) != VYRCam::kUnpackOk) std::abort();
-    if (second.AckIsOk() != packet.AckIsOk() || second.AckedSequenceNumber() != packet.AckedSequenceNumber()) {
+    if (second.Unpack(reinterpret_cast<const char*>(again.data()), again.size()) != VYRCam::kUnpackOk)
+      std::abort();
+    if (second.AckIsOk() != packet.AckIsOk() ||
+        second.AckedSequenceNumber() != packet.AckedSequenceNumber()) {
       std::abort();
     }
   } else if (std::memcmp(again.data(), data, length) != 0) {

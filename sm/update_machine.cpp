@@ -12,7 +12,7 @@ void AssertionFailed(const char* function) {
   // be done about a console that fails on the way to abort().
   (void)std::fflush(stdout);
   (void)std::fprintf(stderr, "%s: %s:%d: %s: Assertion `false' failed.\n", program_invocation_short_name,
-               __FILE__, __LINE__, function);
+                     __FILE__, __LINE__, function);
   std::abort();
 }
 

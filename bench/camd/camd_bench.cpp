@@ -29,8 +29,8 @@
 #include "fake_clock.hpp"
 #include "helpers/camera/vyr_camera.hpp"
 #include "private_bus.hpp"
-#include "subprocess.hpp"
 #include "sm/update_machine.hpp"
+#include "subprocess.hpp"
 
 namespace {
 

@@ -119,7 +119,8 @@ int main(int argc, char** argv) {
   if (argc < 3 || argc > 4) return 2;
   std::ifstream file(argv[1], std::ios::binary);
   if (!file) return 2;
-  const std::vector<std::uint8_t> image{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  const std::vector<std::uint8_t> image{std::istreambuf_iterator<char>(file),
+                                        std::istreambuf_iterator<char>()};
   try {
     Camd camd(argc == 4 ? argv[3] : "0");
     return Update(camd, image, static_cast<std::int32_t>(std::strtol(argv[2], nullptr, 10)));

@@ -38,20 +38,24 @@ struct Scratch {
     std::mt19937 gen(3);
     std::vector<char> data(bytes);
     for (auto& b : data) b = static_cast<char>(gen());
-    std::ofstream(dir + "/tallyvane-9.bin", std::ios::binary).write(data.data(), static_cast<std::streamsize>(bytes));
+    std::ofstream(dir + "/tallyvane-9.bin", std::ios::binary)
+        .write(data.data(), static_cast<std::streamsize>(bytes));
     setenv("QUORVEX_FIRMWARE_DIR", dir.c_str(), 1);
     setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir + "/downlink").c_str(), 1);
     setenv("QUORVEX_TALLYVANE_VERSION_FILE", (dir + "/version").c_str(), 1);
   }
   ~Scratch() { std::filesystem::remove_all(dir); }
   Updater::Testing::ChildProcess Board() const {
-    return {FWU_TALLYVANE_SIM_BIN, {"--uplink", dir + "/uplink", "--downlink", dir + "/downlink", "--version-file",
-                                    dir + "/version"}, dir, "READY"};
+    return {
+        FWU_TALLYVANE_SIM_BIN,
+        {"--uplink", dir + "/uplink", "--downlink", dir + "/downlink", "--version-file", dir + "/version"},
+        dir,
+        "READY"};
   }
   // A directory of its own each time: the control library keeps its downlink open by path.
   static inline int made = 0;
-  std::string dir = std::filesystem::temp_directory_path().string() + "/fwu-bench-" + std::to_string(getpid()) +
-                    "-" + std::to_string(++made);
+  std::string dir = std::filesystem::temp_directory_path().string() + "/fwu-bench-" +
+                    std::to_string(getpid()) + "-" + std::to_string(++made);
 };
 
 // Standard output goes to /dev/null while it lives: the helper prints several lines per block.

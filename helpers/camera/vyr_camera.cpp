@@ -112,15 +112,16 @@ int VyrCamera::CheckWithCamd() {
   const std::int32_t size = ProtocolSize(bytes);
 
   Crc16CcittFalse crc;
-  if (!Image::ReadInPieces(image_, size, [&](const char* data, std::size_t n) { crc.process_bytes(data, n); }))
+  if (!Image::ReadInPieces(image_, size,
+                           [&](const char* data, std::size_t n) { crc.process_bytes(data, n); }))
     return false;
   const unsigned checksum = crc.checksum();
 
   // Standard output stays hexadecimal from here on; later lines rely on it.
   std::cout << "Checksum:" << std::hex << checksum << std::endl;
   // The size twice is what the line has always shown; no chunk count is worked out.
-  std::cout << "This file [" << size << "] contains [" << size << "] chunks of ["
-            << camdProxy->packetSize << "]" << std::endl;
+  std::cout << "This file [" << size << "] contains [" << size << "] chunks of [" << camdProxy->packetSize
+            << "]" << std::endl;
   // Without the announcement camd would file the chunks under whatever it was
   // told before, perhaps another image's version and checksum.
   if (!camdProxy->SendUpdateAvailable(fileVersion, static_cast<int>(checksum), size)) {

@@ -295,7 +295,8 @@ void Tallyvane::ProcessReceived() {
         break;
       case VYRCam::kReceivedFirmwareBlock:
         result = UnpackAndHandle<VYRCam::ReceivedFirmwareBlock>(
-            packet, available, length, [&](const auto& report) { OnBlockReport(report.LastReceived(), report.Next()); });
+            packet, available, length,
+            [&](const auto& report) { OnBlockReport(report.LastReceived(), report.Next()); });
         if (result != 0) Log::Error("Failed to Unpack ReceivedFirmwareBlock [", result, "]");
         break;
       case VYRCam::kUpdateComplete:
@@ -498,8 +499,8 @@ bool Tallyvane::ResendExpired() {
 
 bool Tallyvane::SendBlock(int position, const std::vector<std::uint8_t>& data) {
   VYRCam::FirmwareBlock block(position, data);
-  std::cout << "** Sending bytes from [" << block.BlockNum() << "] to ["
-            << block.BlockNum() + data.size() - 1 << "]" << '\n';
+  std::cout << "** Sending bytes from [" << block.BlockNum() << "] to [" << block.BlockNum() + data.size() - 1
+            << "]" << '\n';
   blockReportReceived = 0;
   std::cout << "** Sending bytes from [blockNum()] to [" << data.size() - 1 << "]" << '\n';
 
@@ -584,14 +585,16 @@ int Tallyvane::AfterAckWait(int status) {
 
 std::uint16_t Tallyvane::ReportChecksum(std::size_t length, std::uint16_t sum) {
   Log::Debug(Colour::Green, "File length of [", length, "]");
-  Log::Debug(Colour::Green, "[", "uint16_t Updater::Helpers::Tallyvane::tallyvane_checksum(const char*, size_t)",
-             "::", 542, "]  ");
+  Log::Debug(Colour::Green, "[",
+             "uint16_t Updater::Helpers::Tallyvane::tallyvane_checksum(const char*, size_t)", "::", 542,
+             "]  ");
   return static_cast<std::uint16_t>(256 - sum);
 }
 
 namespace {
 std::uint16_t AddBytes(std::uint16_t sum, const char* data, std::size_t length) {
-  for (std::size_t i = 0; i < length; ++i) sum = static_cast<std::uint16_t>(sum + static_cast<unsigned char>(data[i]));
+  for (std::size_t i = 0; i < length; ++i)
+    sum = static_cast<std::uint16_t>(sum + static_cast<unsigned char>(data[i]));
   return sum;
 }
 }  // namespace
@@ -630,7 +633,8 @@ bool Tallyvane::ReadPackage(Image::File& image) {
   // Summed piece by piece: the same result as summing the whole image at
   // once, without holding it.
   std::uint16_t sum = 0;
-  if (!Image::ReadInPieces(image, length, [&](const char* data, std::size_t n) { sum = AddBytes(sum, data, n); }))
+  if (!Image::ReadInPieces(image, length,
+                           [&](const char* data, std::size_t n) { sum = AddBytes(sum, data, n); }))
     return false;
 
   checksum_ = ReportChecksum(static_cast<std::size_t>(length), sum);
@@ -639,8 +643,8 @@ bool Tallyvane::ReadPackage(Image::File& image) {
   // later number on standard output is hex too.
   std::cout << std::hex;
   Log::Debug(Colour::Green, "Checksum: [", checksum_, "]");
-  std::cout << "This file [" << firmwarePath << "] contains [" << length << "] chunks of [" << packetSize << "]"
-            << '\n';
+  std::cout << "This file [" << firmwarePath << "] contains [" << length << "] chunks of [" << packetSize
+            << "]" << '\n';
   std::cout << "Sending version [" << packageVersion << "] with hash [" << checksum_ << "] in [" << length
             << "] chunks" << '\n';
   return true;
@@ -838,9 +842,10 @@ int Tallyvane::WaitForAckConcurrent() {
 // ---- inspection --------------------------------------------------------------
 
 Tallyvane::LinkState Tallyvane::State() const {
-  return LinkState{updateCompleted.load(), partialDlVer.load(), downloadedBlocks.load(), flashSector.load(),
-                   haveUpdateInfo.load(),  firstBlock.load(),   lastReceived.load(),     nextBlock.load(),
-                   blockReportReceived.load(), lastSentBlock.load(), lastAckedBlock.load()};
+  return LinkState{updateCompleted.load(), partialDlVer.load(),   downloadedBlocks.load(),
+                   flashSector.load(),     haveUpdateInfo.load(), firstBlock.load(),
+                   lastReceived.load(),    nextBlock.load(),      blockReportReceived.load(),
+                   lastSentBlock.load(),   lastAckedBlock.load()};
 }
 
 std::size_t Tallyvane::PendingCount() const {

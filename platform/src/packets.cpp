@@ -25,9 +25,7 @@ void Put32(std::uint8_t* out, std::uint32_t v) {
   for (int i = 0; i < 4; ++i) out[i] = static_cast<std::uint8_t>(v >> (8 * i));
 }
 
-std::uint16_t Get16(const std::uint8_t* in) {
-  return static_cast<std::uint16_t>(in[0] | (in[1] << 8));
-}
+std::uint16_t Get16(const std::uint8_t* in) { return static_cast<std::uint16_t>(in[0] | (in[1] << 8)); }
 
 std::uint32_t Get32(const std::uint8_t* in) {
   std::uint32_t v = 0;
@@ -37,8 +35,7 @@ std::uint32_t Get32(const std::uint8_t* in) {
 
 // Two's complement on the wire, whatever the host does with negative ints.
 std::int32_t ToSigned(std::uint32_t v) {
-  return v <= 0x7FFFFFFFu ? static_cast<std::int32_t>(v)
-                          : -static_cast<std::int32_t>(~v) - 1;
+  return v <= 0x7FFFFFFFu ? static_cast<std::int32_t>(v) : -static_cast<std::int32_t>(~v) - 1;
 }
 
 }  // namespace

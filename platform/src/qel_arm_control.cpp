@@ -138,9 +138,7 @@ std::string DataDevicePath() { return EnvOr("QUORVEX_TALLYVANE_DATA", kDefaultDa
 
 std::string DownlinkDevicePath() { return EnvOr("QUORVEX_TALLYVANE_DOWNLINK", kDefaultDownlinkPath); }
 
-std::string FirmwareVersionFilePath() {
-  return EnvOr("QUORVEX_TALLYVANE_VERSION_FILE", kDefaultVersionFile);
-}
+std::string FirmwareVersionFilePath() { return EnvOr("QUORVEX_TALLYVANE_VERSION_FILE", kDefaultVersionFile); }
 
 int QelArmControl::Send_Dl_Us_Raw(int channel, const std::uint8_t* bytes, std::size_t count) {
   const std::vector<std::uint8_t> frame = EncodeDownlinkFrame(channel, bytes, count);

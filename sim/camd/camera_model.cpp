@@ -1,12 +1,12 @@
 #include "camera_model.hpp"
 
-#include "common/crc16.hpp"
-
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+#include "common/crc16.hpp"
 
 namespace CamdSim {
 
@@ -192,7 +192,10 @@ std::uint16_t Crc16(const std::vector<std::uint8_t>& data) {
 }
 
 Camera::Camera(std::string index, const Options& options)
-    : index_(std::move(index)), options_(options), random_(options.seed), runningVersion_(options.firmwareVersion) {}
+    : index_(std::move(index)),
+      options_(options),
+      random_(options.seed),
+      runningVersion_(options.firmwareVersion) {}
 
 void Camera::RequestUpdateInfo() { infoRequested_ = true; }
 
@@ -292,11 +295,11 @@ std::string Camera::Verdict() const {
   char buf[200];
   // Both lines fit the buffer: an index is cut short at worst.
   (void)std::snprintf(buf, sizeof buf, "VERDICT %s camera=%s bytes=%ld crc=%04x", ok ? "ok" : "bad",
-                index_.c_str(), held_, crc);
+                      index_.c_str(), held_, crc);
   std::string line = buf;
   if (!ok) {
     (void)std::snprintf(buf, sizeof buf, " expected-bytes=%d expected-crc=%04x", announcedLength_,
-                  static_cast<unsigned>(announcedCrc_ & 0xFFFF));
+                        static_cast<unsigned>(announcedCrc_ & 0xFFFF));
     line += buf;
   }
   return line;

@@ -42,17 +42,17 @@ struct Options {
   bool quiet = false;
 
   // Faults.
-  long infoFalsePolls = 0;       // UpdateInfoReceived answers false this often; <0: forever
-  Ranges lostAcks;               // WaitForAck calls answering 1
-  double lossRate = 0.0;         // WaitForAck answering 1 at random
+  long infoFalsePolls = 0;  // UpdateInfoReceived answers false this often; <0: forever
+  Ranges lostAcks;          // WaitForAck calls answering 1
+  double lossRate = 0.0;    // WaitForAck answering 1 at random
   unsigned seed = 1;
-  std::vector<std::pair<Ranges, int>> ackStatuses;  // WaitForAck calls answering a given status
-  Ranges failedSends;            // SendFirmwareBlock calls answering false
-  Ranges negativeNext;           // GetNextFirmwareBlock calls answering -1
+  std::vector<std::pair<Ranges, int>> ackStatuses;    // WaitForAck calls answering a given status
+  Ranges failedSends;                                 // SendFirmwareBlock calls answering false
+  Ranges negativeNext;                                // GetNextFirmwareBlock calls answering -1
   std::vector<std::pair<Ranges, int>> nextPositions;  // GetNextFirmwareBlock calls answering a given position
   bool refuseAnnouncement = false;                    // SendUpdateAvailable answers false and keeps nothing
-  long restartAtAck = 0;  // >0: on this WaitForAck call the update is forgotten, as after a restart
-  std::vector<MethodFault> errors;      // D-Bus error replies
+  long restartAtAck = 0;            // >0: on this WaitForAck call the update is forgotten, as after a restart
+  std::vector<MethodFault> errors;  // D-Bus error replies
   std::vector<std::string> wrongTypes;  // methods answering with the other type
   std::map<std::string, int> slowMs;    // reply delay per method
   long exitAfterCalls = 0;              // >0: the process ends on receiving this call

@@ -61,8 +61,7 @@ class Service {
            options_.wrongTypes.end();
   }
 
-  static bool Matches(const std::vector<CamdSim::MethodFault>& faults, const std::string& method,
-                      long call) {
+  static bool Matches(const std::vector<CamdSim::MethodFault>& faults, const std::string& method, long call) {
     return std::any_of(faults.begin(), faults.end(), [&](const CamdSim::MethodFault& f) {
       return (f.method == method || f.method == "all") && f.calls.Contains(call);
     });
@@ -72,8 +71,8 @@ class Service {
     ++totalCalls_;
     const long nth = ++callsPerMethod_[camera.Index() + "/" + method.name];
     if (options_.exitAfterCalls > 0 && totalCalls_ >= options_.exitAfterCalls) {
-      Log(camera.Index(), std::string("exiting on call ") + std::to_string(totalCalls_) + " (" +
-                              method.name + ")");
+      Log(camera.Index(),
+          std::string("exiting on call ") + std::to_string(totalCalls_) + " (" + method.name + ")");
       _exit(3);
     }
     if (auto slow = options_.slowMs.find(method.name); slow != options_.slowMs.end())
@@ -131,11 +130,17 @@ class Service {
     switch (method.reply) {
       case Reply::Int:
         text += " -> " + std::to_string(intResult);
-        if (wrongType) reply << (intResult != 0); else reply << static_cast<std::int32_t>(intResult);
+        if (wrongType)
+          reply << (intResult != 0);
+        else
+          reply << static_cast<std::int32_t>(intResult);
         break;
       case Reply::Bool:
         text += boolResult ? " -> true" : " -> false";
-        if (wrongType) reply << static_cast<std::int32_t>(boolResult); else reply << boolResult;
+        if (wrongType)
+          reply << static_cast<std::int32_t>(boolResult);
+        else
+          reply << boolResult;
         break;
       case Reply::None:
         if (wrongType) reply << std::int32_t{0};

@@ -21,28 +21,45 @@ std::string Hex4(unsigned value) {
 
 const char* TypeName(std::uint8_t type) {
   switch (type) {
-    case VYRCam::kRequestUpdateInfo: return "RequestUpdateInfo";
-    case VYRCam::kUpdateAvailable: return "UpdateAvailable";
-    case VYRCam::kFirmwareBlock: return "FirmwareBlock";
-    case VYRCam::kApplyUpdate: return "ApplyUpdate";
-    case VYRCam::kClearPendingUpdate: return "ClearPendingUpdate";
-    case VYRCam::kDatalinkPacketAck: return "DatalinkPacketAck";
-    case VYRCam::kUpdateInfo: return "UpdateInfo";
-    case VYRCam::kReceivedFirmwareBlock: return "ReceivedFirmwareBlock";
-    case VYRCam::kUpdateComplete: return "UpdateComplete";
-    case VYRCam::kUpdateError: return "UpdateError";
-    default: return "Unknown";
+    case VYRCam::kRequestUpdateInfo:
+      return "RequestUpdateInfo";
+    case VYRCam::kUpdateAvailable:
+      return "UpdateAvailable";
+    case VYRCam::kFirmwareBlock:
+      return "FirmwareBlock";
+    case VYRCam::kApplyUpdate:
+      return "ApplyUpdate";
+    case VYRCam::kClearPendingUpdate:
+      return "ClearPendingUpdate";
+    case VYRCam::kDatalinkPacketAck:
+      return "DatalinkPacketAck";
+    case VYRCam::kUpdateInfo:
+      return "UpdateInfo";
+    case VYRCam::kReceivedFirmwareBlock:
+      return "ReceivedFirmwareBlock";
+    case VYRCam::kUpdateComplete:
+      return "UpdateComplete";
+    case VYRCam::kUpdateError:
+      return "UpdateError";
+    default:
+      return "Unknown";
   }
 }
 
 std::unique_ptr<VYRCam::Packet> HostPacketFor(std::uint8_t type) {
   switch (type) {
-    case VYRCam::kRequestUpdateInfo: return std::make_unique<VYRCam::RequestUpdateInfo>();
-    case VYRCam::kUpdateAvailable: return std::make_unique<VYRCam::UpdateAvailable>();
-    case VYRCam::kFirmwareBlock: return std::make_unique<VYRCam::FirmwareBlock>();
-    case VYRCam::kApplyUpdate: return std::make_unique<VYRCam::ApplyUpdate>();
-    case VYRCam::kClearPendingUpdate: return std::make_unique<VYRCam::ClearPendingUpdate>();
-    default: return nullptr;
+    case VYRCam::kRequestUpdateInfo:
+      return std::make_unique<VYRCam::RequestUpdateInfo>();
+    case VYRCam::kUpdateAvailable:
+      return std::make_unique<VYRCam::UpdateAvailable>();
+    case VYRCam::kFirmwareBlock:
+      return std::make_unique<VYRCam::FirmwareBlock>();
+    case VYRCam::kApplyUpdate:
+      return std::make_unique<VYRCam::ApplyUpdate>();
+    case VYRCam::kClearPendingUpdate:
+      return std::make_unique<VYRCam::ClearPendingUpdate>();
+    default:
+      return nullptr;
   }
 }
 
@@ -69,7 +86,8 @@ void Board::OnFrame(int channel, const std::vector<std::uint8_t>& payload) {
     return;
   }
   if (channel != lc::kPacketChannel) {
-    say_("WARN channel " + std::to_string(channel) + " ignored, " + std::to_string(payload.size()) + " bytes");
+    say_("WARN channel " + std::to_string(channel) + " ignored, " + std::to_string(payload.size()) +
+         " bytes");
     return;
   }
   const std::uint8_t type = payload.size() > 1 ? payload[1] : 0;
@@ -106,8 +124,8 @@ void Board::OnFrame(int channel, const std::vector<std::uint8_t>& payload) {
                                     options_.flashRegion);
       Emit(info, std::chrono::milliseconds(0),
            "UpdateInfo partial=" + std::to_string(options_.partialVersion) +
-               " blocks=" + std::to_string(options_.downloadedBlocks) +
-               " blocksize=" + std::to_string(options_.blockSize) + " region=" + std::to_string(options_.flashRegion));
+               " blocks=" + std::to_string(options_.downloadedBlocks) + " blocksize=" +
+               std::to_string(options_.blockSize) + " region=" + std::to_string(options_.flashRegion));
       break;
     }
     case VYRCam::kUpdateAvailable:
@@ -141,14 +159,15 @@ void Board::Acknowledge(unsigned sequence) {
 
 void Board::Report(int lastReceived, std::uint32_t next) {
   ++reports_;
-  const std::string what = "ReceivedFirmwareBlock last=" + std::to_string(lastReceived) +
-                           " next=" + (next == 0xFFFFFFFFu ? std::string("0xFFFFFFFF") : std::to_string(next));
+  const std::string what = "ReceivedFirmwareBlock last=" + std::to_string(lastReceived) + " next=" +
+                           (next == 0xFFFFFFFFu ? std::string("0xFFFFFFFF") : std::to_string(next));
   if (options_.dropReports.count(reports_) != 0 ||
       (options_.dropReportEvery != 0 && reports_ % options_.dropReportEvery == 0)) {
     say_("DROP " + what);
     return;
   }
-  Emit(VYRCam::ReceivedFirmwareBlock(lastReceived, next), std::chrono::milliseconds(options_.reportDelayMs), what);
+  Emit(VYRCam::ReceivedFirmwareBlock(lastReceived, next), std::chrono::milliseconds(options_.reportDelayMs),
+       what);
   if (options_.duplicateReports.count(reports_) != 0) {
     Emit(VYRCam::ReceivedFirmwareBlock(lastReceived, next),
          std::chrono::milliseconds(options_.reportDelayMs + kDuplicateDelayMs), "again " + what);
@@ -157,7 +176,8 @@ void Board::Report(int lastReceived, std::uint32_t next) {
 
 void Board::OnUpdateAvailable(const VYRCam::UpdateAvailable& packet) {
   if (transfer_.active && !transfer_.verdictGiven) {
-    say_("WARN new announcement replaces a transfer holding " + std::to_string(transfer_.heldCount) + " bytes");
+    say_("WARN new announcement replaces a transfer holding " + std::to_string(transfer_.heldCount) +
+         " bytes");
   }
   transfer_ = Transfer{};
   if (packet.Chunks() > options_.maxImageBytes) {
@@ -266,11 +286,13 @@ void Board::GiveVerdict(bool complete) {
   }
   const std::uint16_t sum = ByteSumChecksum(transfer_.image);
   if (sum != transfer_.hash) {
-    say_("VERDICT bad-checksum bytes=" + bytes + " checksum=" + Hex4(sum) + " expected=" + Hex4(transfer_.hash));
+    say_("VERDICT bad-checksum bytes=" + bytes + " checksum=" + Hex4(sum) +
+         " expected=" + Hex4(transfer_.hash));
     return;
   }
   lastVerdictOk_ = true;
-  say_("VERDICT ok bytes=" + bytes + " checksum=" + Hex4(sum) + " version=" + std::to_string(transfer_.version));
+  say_("VERDICT ok bytes=" + bytes + " checksum=" + Hex4(sum) +
+       " version=" + std::to_string(transfer_.version));
 }
 
 void Board::OnApplyUpdate() {

@@ -29,7 +29,8 @@ bool DownlinkParser::Next(Frame& frame) {
     // of a frame whose next byte has not arrived yet.
     std::size_t drop = 0;
     while (drop < buffer_.size()) {
-      if (buffer_[drop] == lc::kSync0 && (drop + 1 == buffer_.size() || buffer_[drop + 1] == lc::kSync1)) break;
+      if (buffer_[drop] == lc::kSync0 && (drop + 1 == buffer_.size() || buffer_[drop + 1] == lc::kSync1))
+        break;
       ++drop;
     }
     if (drop > 0) {
@@ -48,7 +49,8 @@ bool DownlinkParser::Next(Frame& frame) {
     frame.channel = buffer_[2];
     frame.payload.assign(buffer_.begin() + lc::kDownlinkHeaderBytes,
                          buffer_.begin() + static_cast<std::ptrdiff_t>(lc::kDownlinkHeaderBytes + count));
-    buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(lc::kDownlinkHeaderBytes + count));
+    buffer_.erase(buffer_.begin(),
+                  buffer_.begin() + static_cast<std::ptrdiff_t>(lc::kDownlinkHeaderBytes + count));
     return true;
   }
 }
@@ -97,8 +99,9 @@ std::chrono::milliseconds UplinkWriter::TimeToNext(std::chrono::milliseconds idl
   auto next = idle;
   const auto now = Clock::now();
   auto until = [&](Clock::time_point t) {
-    return std::max(std::chrono::milliseconds(0), std::chrono::duration_cast<std::chrono::milliseconds>(t - now) +
-                                                      std::chrono::milliseconds(1));
+    return std::max(
+        std::chrono::milliseconds(0),
+        std::chrono::duration_cast<std::chrono::milliseconds>(t - now) + std::chrono::milliseconds(1));
   };
   if (!queue_.empty()) next = std::min(next, until(queue_.front().due));
   if (!held_.empty()) next = std::min(next, until(heldSince_ + kHoldLimit));

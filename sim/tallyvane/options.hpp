@@ -37,7 +37,7 @@ struct Options {
   std::set<unsigned> garbageBefore;
   unsigned errorAfterChunks = 0;  // 0: never
   std::set<unsigned> duplicateReports;
-  unsigned muteAfterChunks = 0;  // 0: never
+  unsigned muteAfterChunks = 0;   // 0: never
   unsigned stuckAfterChunks = 0;  // 0: never
 };
 

@@ -24,11 +24,16 @@ inline constexpr const char* kReset = "\033[0m";
 
 constexpr const char* Sequence(Colour c) {
   switch (c) {
-    case Colour::Yellow: return "\033[0;33m";
-    case Colour::Green: return "\033[0;32m";
-    case Colour::Magenta: return "\033[0;35m";
-    case Colour::Cyan: return "\033[0;36m";
-    case Colour::Red: return "\033[0;31m";
+    case Colour::Yellow:
+      return "\033[0;33m";
+    case Colour::Green:
+      return "\033[0;32m";
+    case Colour::Magenta:
+      return "\033[0;35m";
+    case Colour::Cyan:
+      return "\033[0;36m";
+    case Colour::Red:
+      return "\033[0;31m";
   }
   return "";
 }

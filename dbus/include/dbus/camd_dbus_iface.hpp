@@ -34,8 +34,7 @@ class CamdDbusIface {
   // No message goes to the bus here: camd need not run until the first call.
   // `clock` serves the pauses of the first-block and acknowledgement polls.
   static std::shared_ptr<CamdDbusIface> create(const std::string& service, const std::string& path,
-                                               const std::string& interface,
-                                               Clock& clock = SystemClock());
+                                               const std::string& interface, Clock& clock = SystemClock());
 
   CamdDbusIface(const std::string& service, const std::string& path, const std::string& interface,
                 Clock& clock = SystemClock());

@@ -35,10 +35,10 @@ enum TypeCode : std::uint8_t {
 // Unpack results; 0 is success.
 enum UnpackResult : int {
   kUnpackOk = 0,
-  kUnpackTruncated = 1,      // fewer bytes available than the header or the length byte says
-  kUnpackBadLength = 2,      // length byte impossible for this type
-  kUnpackWrongType = 3,      // type byte is not this class's
-  kUnpackBadChecksum = 4,    // CRC mismatch
+  kUnpackTruncated = 1,    // fewer bytes available than the header or the length byte says
+  kUnpackBadLength = 2,    // length byte impossible for this type
+  kUnpackWrongType = 3,    // type byte is not this class's
+  kUnpackBadChecksum = 4,  // CRC mismatch
 };
 
 inline constexpr std::size_t kHeaderBytes = 3;
@@ -85,6 +85,7 @@ class Packet {
 class RequestUpdateInfo : public Packet {
  public:
   RequestUpdateInfo();
+
  protected:
   std::size_t PayloadLength() const override { return 0; }
   void PackPayload(std::uint8_t*) const override {}
@@ -104,6 +105,7 @@ class UpdateAvailable : public Packet {
   void PackPayload(std::uint8_t* out) const override;
   bool PayloadLengthValid(std::size_t length) const override { return length == 8; }
   void UnpackPayload(const std::uint8_t* payload, std::size_t length) override;
+
  private:
   std::uint16_t version_ = 0, hash_ = 0;
   std::uint32_t chunks_ = 0;
@@ -117,11 +119,13 @@ class FirmwareBlock : public Packet {
   FirmwareBlock(int blockNum, std::vector<unsigned char> data);
   int BlockNum() const { return blockNum_; }
   const std::vector<unsigned char>& Data() const { return data_; }
+
  protected:
   std::size_t PayloadLength() const override { return 4 + data_.size(); }
   void PackPayload(std::uint8_t* out) const override;
   bool PayloadLengthValid(std::size_t length) const override { return length >= 4; }
   void UnpackPayload(const std::uint8_t* payload, std::size_t length) override;
+
  private:
   int blockNum_ = 0;
   std::vector<unsigned char> data_;
@@ -130,6 +134,7 @@ class FirmwareBlock : public Packet {
 class ApplyUpdate : public Packet {
  public:
   ApplyUpdate();
+
  protected:
   std::size_t PayloadLength() const override { return 0; }
   void PackPayload(std::uint8_t*) const override {}
@@ -140,6 +145,7 @@ class ApplyUpdate : public Packet {
 class ClearPendingUpdate : public Packet {
  public:
   ClearPendingUpdate();
+
  protected:
   std::size_t PayloadLength() const override { return 0; }
   void PackPayload(std::uint8_t*) const override {}
@@ -156,11 +162,13 @@ class DatalinkPacketAck : public Packet {
   bool AckIsOk() const { return ok_; }
   std::uint8_t AckedSequenceNumber() const { return acked_; }
   bool NeedsAck() const override { return false; }
+
  protected:
   std::size_t PayloadLength() const override { return 2; }
   void PackPayload(std::uint8_t* out) const override;
   bool PayloadLengthValid(std::size_t length) const override { return length == 2; }
   void UnpackPayload(const std::uint8_t* payload, std::size_t length) override;
+
  private:
   std::uint8_t acked_ = 0;
   bool ok_ = false;
@@ -176,11 +184,13 @@ class UpdateInfo : public Packet {
   std::uint8_t BlockSize() const { return blockSize_; }
   int FlashRegion() const { return flashRegion_; }
   bool NeedsAck() const override { return false; }
+
  protected:
   std::size_t PayloadLength() const override { return 11; }
   void PackPayload(std::uint8_t* out) const override;
   bool PayloadLengthValid(std::size_t length) const override { return length == 11; }
   void UnpackPayload(const std::uint8_t* payload, std::size_t length) override;
+
  private:
   std::uint16_t partialVersion_ = 0;
   std::uint32_t downloadedBlocks_ = 0;
@@ -195,11 +205,13 @@ class ReceivedFirmwareBlock : public Packet {
   int LastReceived() const { return lastReceived_; }
   std::uint32_t Next() const { return next_; }  // 0xFFFFFFFF: nothing more wanted
   bool NeedsAck() const override { return false; }
+
  protected:
   std::size_t PayloadLength() const override { return 8; }
   void PackPayload(std::uint8_t* out) const override;
   bool PayloadLengthValid(std::size_t length) const override { return length == 8; }
   void UnpackPayload(const std::uint8_t* payload, std::size_t length) override;
+
  private:
   int lastReceived_ = -1;
   std::uint32_t next_ = 0xFFFFFFFFu;
@@ -209,6 +221,7 @@ class UpdateComplete : public Packet {
  public:
   UpdateComplete();
   bool NeedsAck() const override { return false; }
+
  protected:
   std::size_t PayloadLength() const override { return 0; }
   void PackPayload(std::uint8_t*) const override {}
@@ -220,6 +233,7 @@ class UpdateError : public Packet {
  public:
   UpdateError();
   bool NeedsAck() const override { return false; }
+
  protected:
   std::size_t PayloadLength() const override { return 0; }
   void PackPayload(std::uint8_t*) const override {}

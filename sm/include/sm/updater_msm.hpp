@@ -15,6 +15,10 @@
 // Reordering the rows changes those numbers.
 #pragma once
 
+#include <boost/mpl/vector.hpp>
+#include <boost/msm/back/state_machine.hpp>
+#include <boost/msm/front/functor_row.hpp>
+#include <boost/msm/front/state_machine_def.hpp>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -22,11 +26,6 @@
 #include <iostream>
 #include <string>
 #include <typeinfo>
-
-#include <boost/mpl/vector.hpp>
-#include <boost/msm/back/state_machine.hpp>
-#include <boost/msm/front/state_machine_def.hpp>
-#include <boost/msm/front/functor_row.hpp>
 
 #include "sm/update_helper.hpp"
 
@@ -80,9 +79,13 @@ struct MachineBase : msm::front::state_machine_def<Derived> {
 template <class Derived>
 struct TracedState : msm::front::state<> {
   template <class Event, class FSM>
-  void on_entry(Event const&, FSM&) { Trace("Entered", Derived::kName); }
+  void on_entry(Event const&, FSM&) {
+    Trace("Entered", Derived::kName);
+  }
   template <class Event, class FSM>
-  void on_exit(Event const&, FSM&) { Trace("Exited", Derived::kName); }
+  void on_exit(Event const&, FSM&) {
+    Trace("Exited", Derived::kName);
+  }
 };
 
 // ---- the sub-machine: the block loop ---------------------------------------
@@ -96,7 +99,9 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
     helper->HaveUpdateFile();
   }
   template <class Event, class FSM>
-  void on_exit(Event const&, FSM&) { Trace("Exited", "Updating"); }
+  void on_exit(Event const&, FSM&) {
+    Trace("Exited", "Updating");
+  }
 
   struct DeterminingFirstBlock : TracedState<DeterminingFirstBlock> {
     static constexpr const char* kName = "DeterminingFirstBlock";
@@ -121,7 +126,9 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
         fsm.process_event(update_error{});
     }
     template <class Event, class FSM>
-    void on_entry(Event const&, FSM&) { Trace("Entered", "SendingBlock(no get_block)"); }
+    void on_entry(Event const&, FSM&) {
+      Trace("Entered", "SendingBlock(no get_block)");
+    }
   };
 
   struct WaitingForAck : TracedState<WaitingForAck> {
@@ -149,14 +156,20 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
       // know; post nothing and let the run end here.
     }
     template <class Event, class FSM>
-    void on_entry(Event const&, FSM&) { Trace("Entered", "WaitingForAck(no get_block)"); }
+    void on_entry(Event const&, FSM&) {
+      Trace("Entered", "WaitingForAck(no get_block)");
+    }
   };
 
   struct UpdateDoneExit : msm::front::exit_pseudo_state<last_block_ack> {
     template <class Event, class FSM>
-    void on_entry(Event const&, FSM&) { Trace("Entered", "Updating_UpdateDone"); }
+    void on_entry(Event const&, FSM&) {
+      Trace("Entered", "Updating_UpdateDone");
+    }
     template <class Event, class FSM>
-    void on_exit(Event const&, FSM&) { Trace("Exited", "Updating_UpdateDone"); }
+    void on_exit(Event const&, FSM&) {
+      Trace("Exited", "Updating_UpdateDone");
+    }
   };
 
   // A failed update ends the process here; the top machine never sees it.
@@ -175,7 +188,9 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
 
   struct send_block {
     template <class Event, class FSM, class Source, class Target>
-    void operator()(Event const&, FSM&, Source&, Target&) { Trace("Action", "send_block"); }
+    void operator()(Event const&, FSM&, Source&, Target&) {
+      Trace("Action", "send_block");
+    }
   };
 
   using initial_state = DeterminingFirstBlock;
@@ -195,8 +210,8 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
 
   template <class FSM, class Event>
   void no_transition(Event const& e, FSM&, int state) {
-    std::cout << "UpdaterSub_:: no transition from state " << state << " on event "
-              << typeid(e).name() << std::endl;
+    std::cout << "UpdaterSub_:: no transition from state " << state << " on event " << typeid(e).name()
+              << std::endl;
   }
 };
 
@@ -228,7 +243,9 @@ struct updaterMSM_ : MachineBase<updaterMSM_> {
 
   struct done_updating {
     template <class Event, class FSM, class Source, class Target>
-    void operator()(Event const&, FSM&, Source&, Target&) { Trace("Action", "done_updating"); }
+    void operator()(Event const&, FSM&, Source&, Target&) {
+      Trace("Action", "done_updating");
+    }
   };
 
   using initial_state = UpdateInit;
@@ -248,8 +265,8 @@ struct updaterMSM_ : MachineBase<updaterMSM_> {
 
   template <class FSM, class Event>
   void no_transition(Event const& e, FSM&, int state) {
-    std::cout << "updaterMSM:: no transition from state " << state << " on event "
-              << typeid(e).name() << std::endl;
+    std::cout << "updaterMSM:: no transition from state " << state << " on event " << typeid(e).name()
+              << std::endl;
   }
 };
 
