@@ -43,7 +43,7 @@ meta_number() {
     value=$(jq -r --arg key "$1" '.[$key] | if type == "number" then tostring else empty end' \
         "$files/header/meta-data" 2>/dev/null)
     is_version "$value" ||
-        fail "meta-data: \"$1\" must be a top-level number from 0 to 2147483647 without leading zeros"
+        fail "meta-data: $1 must be a top-level number from 0 to 2147483647 without leading zeros"
     echo "$value"
 }
 
