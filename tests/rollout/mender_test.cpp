@@ -82,7 +82,7 @@ TEST_P(CameraDeployment, EndsAsTheCamerasDo) {
 
 const std::vector<std::string> kSigned = {"signed", "rsa.pem"};
 // clang-format off
-INSTANTIATE_TEST_SUITE_P(Rows, CameraDeployment, ::testing::Values(
+INSTANTIATE_TEST_SUITE_P(Mender, CameraDeployment, ::testing::Values(
     Deployment{"SignedArtifactUpdatesTwoCameras", "fw", "Use 'commit' to update"},
     Deployment{"NewerPackageIsNotFlashed", "fw", "", kSigned, "--region=0", "camera-region0-9.bin"},
     Deployment{"FileOfTheSameNameIsKept", "fw", "", kSigned, "--region=0", "camera-region0-3.bin"},
@@ -132,7 +132,7 @@ TEST_P(Generator, ReplacesTheOutputOnlyWithACompleteArtifact) {
 }
 
 // clang-format off
-INSTANTIATE_TEST_SUITE_P(Rows, Generator, ::testing::Values(
+INSTANTIATE_TEST_SUITE_P(Mender, Generator, ::testing::Values(
     GeneratorRun{"VersionAtTheIntLimit", {"--version", "2147483647"}, true},
     GeneratorRun{"VersionBeyondTheIntLimit", {"--version", "2147483648"}, false},
     GeneratorRun{"VersionWithALeadingZero", {"--version", "07"}, false},
@@ -172,7 +172,7 @@ TEST_P(Board, RunsTheArtifactsVersionOrKeepsThePreviousArtifact) {
 }
 
 // clang-format off
-INSTANTIATE_TEST_SUITE_P(Rows, Board, ::testing::Values(
+INSTANTIATE_TEST_SUITE_P(Mender, Board, ::testing::Values(
     BoardDeployment{"UpdatesByteForByte", "3", "fw"},
     BoardDeployment{"NewerBoardFailsTheInstall", "12", "factory"}),
     [](const auto& info) { return std::string(info.param.name); });
