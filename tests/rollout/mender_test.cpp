@@ -116,6 +116,7 @@ struct GeneratorRun {
   bool writes;  // else it fails, leaving a.mender as it was and nothing beside it
   std::size_t imageBytes = 10;
 };
+void PrintTo(const GeneratorRun& row, std::ostream* os) { *os << row.name; }
 
 struct Generator : MenderTest, ::testing::WithParamInterface<GeneratorRun> {};
 
