@@ -107,6 +107,8 @@ roll_back() {
 
 # Answers the state the client called the module for: run_module STATE FILES_DIR
 run_module() {
+    # The updater reads only a package and directory that group and others cannot write.
+    umask 022
     state=${1:?state}
     files=${2:?files directory}
     stage=${QUORVEX_FIRMWARE_DIR:-/lib/firmware/quorvex}/.$module

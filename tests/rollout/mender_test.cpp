@@ -27,8 +27,8 @@ struct MenderTest : CamdBusTest {
     return RunProcess(kTests + "mender_sandbox.sh", args, env_);
   }
   ProcessResult Mender(const std::string& command) {  // install a.mender, commit, show-artifact
-    std::vector<std::string> args = {"mender", "--no-syslog", "-c", dir_ / "conf", "-b", dir_ / "none",
-                                     "-d", dir_ / "data", command, dir_ / "a.mender"};
+    std::vector<std::string> args = {"mender", "--no-syslog", "-c",    dir_ / "conf",    "-b", dir_ / "none",
+                                     "-d",     dir_ / "data", command, dir_ / "a.mender"};
     return InSandbox({args.begin(), args.end() - (command == "install" ? 0 : 1)});
   }
   int Gen(std::vector<std::string> args) {  // writes a.mender
@@ -77,7 +77,9 @@ TEST_P(CameraDeployment, EndsAsTheCamerasDo) {
   EXPECT_FALSE(fs::exists(fw_ / ".camera-firmware")) << "the module's staging directory is gone";
   const bool kept = !row.preset.empty() && row.preset[0] != '.';  // what the module did not write
   EXPECT_EQ(fs::is_regular_file(fw_ / row.preset) && ReadFile(fw_ / row.preset) == other, kept);
-  if (row.shows == "factory" && row.sim == "--region=0") { EXPECT_EQ(SimCalls("RequestUpdateInfo"), 0u); }
+  if (row.shows == "factory" && row.sim == "--region=0") {
+    EXPECT_EQ(SimCalls("RequestUpdateInfo"), 0u);
+  }
 }
 
 const std::vector<std::string> kSigned = {"signed", "rsa.pem"};
@@ -122,8 +124,8 @@ struct Generator : MenderTest, ::testing::WithParamInterface<GeneratorRun> {};
 
 TEST_P(Generator, ReplacesTheOutputOnlyWithACompleteArtifact) {
   const GeneratorRun& row = GetParam();
-  std::vector<std::string> args = {dir_.Write("image", RandomBytes(row.imageBytes, 1)), "--version", "3",
-                                   "--region", "0", "--camera", "0"};
+  std::vector<std::string> args = {"--version", "3", "--region", "0", "--camera", "0"};
+  args.insert(args.begin(), dir_.Write("image", RandomBytes(row.imageBytes, 1)));
   args.insert(args.end(), row.args.begin(), row.args.end());
   dir_.Write("a.mender", "old");
   const auto entries = std::distance(fs::directory_iterator(dir_.path()), {});
@@ -157,9 +159,10 @@ struct Board : MenderTest, ::testing::WithParamInterface<BoardDeployment> {};
 
 TEST_P(Board, RunsTheArtifactsVersionOrKeepsThePreviousArtifact) {
   const auto image = RandomBytes(3000, 7);
-  ChildProcess board(TALLYVANE_SIM_BIN, {"--uplink", dir_ / "up", "--downlink", dir_ / "down", "--out",
-                                         dir_ / "got", "--version-file", dir_ / "version", "--board-version",
-                                         GetParam().boardVersion}, dir_.path(), "READY");
+  ChildProcess board(TALLYVANE_SIM_BIN,
+                     {"--uplink", dir_ / "up", "--downlink", dir_ / "down", "--out", dir_ / "got",
+                      "--version-file", dir_ / "version", "--board-version", GetParam().boardVersion},
+                     dir_.path(), "READY");
   env_.env.insert(env_.env.end(), {{"QUORVEX_TALLYVANE_DATA", dir_ / "up"},
                                    {"QUORVEX_TALLYVANE_DOWNLINK", dir_ / "down"},
                                    {"QUORVEX_TALLYVANE_VERSION_FILE", dir_ / "version"}});
