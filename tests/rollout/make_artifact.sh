@@ -8,6 +8,7 @@
 #                     and other bytes, under the same file names
 #   meta FILTER       by mender-artifact itself, signed with rsa.pem, with the
 #                     generator's meta-data passed through the jq FILTER
+#   empty             as meta ., with image.bin emptied first
 # The keys are made first, with the README's commands, unless DIR has them.
 # Usage: make_artifact.sh SUPPORT_MENDER_DIR DIR HOW [ARG]
 set -eu
@@ -19,6 +20,10 @@ if [ ! -f rsa.pem ]; then
     openssl genrsa -traditional -out rsa.pem 2048 2>/dev/null
     openssl rsa -in rsa.pem -pubout -out rsa.pub 2>/dev/null
     openssl ecparam -genkey -name prime256v1 -noout -out ec.pem
+fi
+if [ "$how" = empty ]; then
+    : >image.bin
+    how=meta arg=.
 fi
 set -- -n fw -t camera-box --version 3 --region 0 --camera 0 --camera 1
 case $how in
