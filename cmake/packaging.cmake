@@ -62,6 +62,9 @@ set(CPACK_DEBIAN_UPDATER_DESCRIPTION "firmware updater for the device's cameras 
 firmware-updater updates the firmware of one target per run: a camera, through
 the camera daemon camd on the D-Bus session bus, or the counter-link board,
 through its character devices.")
+# The Mender Update Modules and the inventory script read JSON with jq (the
+# shared libraries are found by shlibdeps).
+set(CPACK_DEBIAN_UPDATER_PACKAGE_DEPENDS "jq")
 set(CPACK_DEBIAN_SIM_PACKAGE_NAME firmware-updater-sim)
 set(CPACK_DEBIAN_SIM_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_SIM_PACKAGE_SUGGESTS "dbus-daemon")

@@ -2,9 +2,10 @@
 # and the tests need are installed.
 FWU_PACKAGES="cmake g++ make pkg-config libboost-dev libsdbus-c++-dev \
 libsystemd-dev dbus-daemon libgtest-dev libgmock-dev libbenchmark-dev valgrind"
-# Only the tests need these: the Mender client end to end, shellcheck on the
-# support scripts, systemd-analyze on the units.
-FWU_TEST_PACKAGES="mender-client mender-artifact shellcheck systemd"
+# Only the tests need these: the Mender client end to end (with jq, which the
+# Update Modules use on the device), shellcheck on the support scripts,
+# systemd-analyze on the units.
+FWU_TEST_PACKAGES="mender-client mender-artifact jq shellcheck systemd"
 
 # Usage: fwu_install_deps [PACKAGE...]   (default: $FWU_PACKAGES)
 fwu_install_deps() {
