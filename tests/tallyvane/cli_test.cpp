@@ -27,23 +27,26 @@ const std::string kRefusal =
     "\033[0;31mfw-updater Debug: [ERROR] -- Error asking tallyvane for update info status, not "
     "updating\033[0m";
 
-TEST(TheDefaultRun, ChecksInVainForTenSecondsThenReadsTheBoardUntilStopped) {
+// The run's devices, image directory and notification socket, all in `dir`.
+std::vector<std::pair<std::string, std::string>> Environment(const TempDir& dir) {
+  return {{"QUORVEX_TALLYVANE_DATA", dir / "uplink"},
+          {"QUORVEX_TALLYVANE_DOWNLINK", dir / "downlink"},
+          {"QUORVEX_FIRMWARE_DIR", dir.path()},
+          {"QUORVEX_TALLYVANE_VERSION_FILE", dir / "version"},
+          {"NOTIFY_SOCKET", dir / "notify"}};
+}
+
+TEST(TheDefaultRun, ChecksInVainThenReadsTheBoardUntilStopped) {
   TempDir dir;
-  const std::string data = dir / "data";
+  const std::string data = dir / "uplink";
   ASSERT_EQ(mkfifo(data.c_str(), 0600), 0);
   NotifySocket notify(dir / "notify");
   ProcessOptions options;
-  options.env = {{"QUORVEX_TALLYVANE_DATA", data},
-                 {"QUORVEX_TALLYVANE_DOWNLINK", dir / "no-downlink"},
-                 {"QUORVEX_FIRMWARE_DIR", dir.path()},
-                 {"QUORVEX_TALLYVANE_VERSION_FILE", dir / "no-version"},
-                 {"NOTIFY_SOCKET", dir / "notify"}};
+  options.env = Environment(dir);
   options.timeout = 40s;
-  const auto started = Clock::now();
-  std::optional<Clock::time_point> refusedAt, doneAt, readyAt;
+  std::optional<Clock::time_point> doneAt, readyAt;
   bool spoke = false;
   options.stopWhen = [&](const std::string& out, const std::string&) {
-    if (!refusedAt && out.find(kRefusal) != std::string::npos) refusedAt = Clock::now();
     if (!doneAt && out.find("Entered: UpdateDone\n") != std::string::npos) doneAt = Clock::now();
     for (const auto& message : notify.Take())
       if (message == "READY=1") readyAt = Clock::now();
@@ -58,9 +61,6 @@ TEST(TheDefaultRun, ChecksInVainForTenSecondsThenReadsTheBoardUntilStopped) {
     return doneAt && Clock::now() - *doneAt > 1500ms && out.find("\tflash Sector: [2]") != std::string::npos;
   };
   const auto run = RunProcess(UpdaterBinary(), {"tallyvane"}, options);
-  ASSERT_TRUE(refusedAt.has_value()) << run.out;
-  EXPECT_GE(*refusedAt - started, 10200ms);
-  EXPECT_LT(*refusedAt - started, 13s);
   EXPECT_TRUE(readyAt && doneAt && *readyAt >= *doneAt)
       << "ready once the receive loop runs, after the machine";
   EXPECT_EQ(run.termSignal, SIGTERM) << "still reading the device, until ended";
@@ -75,12 +75,15 @@ TEST(TheDefaultRun, ChecksInVainForTenSecondsThenReadsTheBoardUntilStopped) {
 // The concurrent mode ($QUORVEX_TALLYVANE_READER=concurrent): one board update per run against tallyvane-sim
 // on FIFOs of ours, on the real clock. A 65,000-byte image (not a multiple of the chunk size) replaces the
 // board's version 3 with version 9.
+const std::string kClosing = "Exiting firmware-updater ...";
+const std::string kGivenUp = "[ERROR] -- The board reported an update error; giving up the update";
 struct BoardRun {
   std::string name;
   std::vector<std::string> simFaults;
-  bool delivered = true;  // byte for byte, applied, the progress complete and the closing line printed
+  // Printed on standard output. A run that ends with the closing line has delivered the image byte for byte,
+  // had it applied and reported its progress complete; any other has delivered nothing.
+  std::string line = kClosing;
   std::string stallSeconds = "300";
-  std::string line = "Exiting firmware-updater ...";  // printed on standard output
   std::chrono::seconds within{15};
   bool boardPresent = true;
 };
@@ -90,6 +93,7 @@ class AConcurrentBoardUpdate : public testing::TestWithParam<BoardRun> {};
 
 TEST_P(AConcurrentBoardUpdate, EndsAsTheBoardAllows) {
   const BoardRun& run = GetParam();
+  const bool delivered = run.line == kClosing;
   TempDir dir;
   const std::string image = RandomBytes(65000, 11);
   dir.Write("tallyvane-9.bin", image);
@@ -105,66 +109,46 @@ TEST_P(AConcurrentBoardUpdate, EndsAsTheBoardAllows) {
   }
   NotifySocket notify(dir / "notify");
   ProcessOptions options;
-  options.env = {{"QUORVEX_TALLYVANE_READER", "concurrent"},
-                 {"QUORVEX_TALLYVANE_DATA", dir / "uplink"},
-                 {"QUORVEX_TALLYVANE_DOWNLINK", dir / "downlink"},
-                 {"QUORVEX_FIRMWARE_DIR", dir.path()},
-                 {"QUORVEX_TALLYVANE_VERSION_FILE", dir / "version"},
-                 {"QUORVEX_STALL_SECONDS", run.stallSeconds},
-                 {"NOTIFY_SOCKET", dir / "notify"}};
+  options.env = Environment(dir);
+  options.env.insert(options.env.end(), {{"QUORVEX_TALLYVANE_READER", "concurrent"},
+                                         {"QUORVEX_STALL_SECONDS", run.stallSeconds}});
   options.timeout = 60s;
   const auto result = RunProcess(UpdaterBinary(), {"tallyvane"}, options);
   SCOPED_TRACE(result.out.substr(result.out.size() - std::min<std::size_t>(result.out.size(), 2000)) +
                result.err);
 
-  EXPECT_EQ(result.exitStatus, run.delivered || !run.boardPresent ? 0 : 255);
+  EXPECT_EQ(result.exitStatus, delivered || !run.boardPresent ? 0 : 255);
   EXPECT_THAT(result.out, testing::HasSubstr(run.line));
   EXPECT_LT(result.elapsed, run.within);
-  EXPECT_EQ(ReadFile(dir / "received.bin") == image, run.delivered);
-  EXPECT_EQ(ReadFile(dir / "version"), run.delivered ? "9\n" : run.boardPresent ? "3\n" : "");
+  EXPECT_EQ(ReadFile(dir / "received.bin") == image, delivered);
+  EXPECT_EQ(ReadFile(dir / "version"), delivered ? "9\n" : run.boardPresent ? "3\n" : "");
   const auto statuses = notify.Take();
   EXPECT_EQ(!statuses.empty() && statuses.back().rfind("STATUS=board: 65000/65000 bytes (100%)", 0) == 0,
-            run.delivered);
+            delivered);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Runs, AConcurrentBoardUpdate,
-    testing::Values(BoardRun{"Clean", {}},
-                    BoardRun{
-                        "LostDuplicatedAndDamagedReports",
-                        {"--drop-reports", "3,40", "--duplicate-reports", "5,30", "--corrupt-frame", "50"}},
-                    BoardRun{"GarbageBetweenFrames", {"--garbage-before", "4,20,60"}},
-                    BoardRun{"LostAcknowledgement", {"--drop-ack-seq", "7"}},
-                    BoardRun{"ResumeFromTheMiddle", {"--start", "30000"}},
-                    BoardRun{"BoardFallsSilentMidTransfer",
-                             {"--mute-after", "100"},
-                             /*delivered=*/false,
-                             /*stallSeconds=*/"2",
-                             "[ERROR] -- No progress for 2 s, at block [",
-                             /*within=*/6s},
-                    BoardRun{"BoardAsksForTheSameBytesForEver",
-                             {"--stuck-after", "50"},
-                             /*delivered=*/false,
-                             /*stallSeconds=*/"300",
-                             "[ERROR] -- No progress for 12 s, at block [",
-                             /*within=*/16s},
-                    BoardRun{"BoardRefusesTheAnnouncedImage",
-                             {"--max-image-bytes", "1000"},
-                             /*delivered=*/false,
-                             /*stallSeconds=*/"300",
-                             "[ERROR] -- The board reported an update error; giving up the update"},
-                    BoardRun{"BoardForgetsTheUpdateMidTransfer",
-                             {"--error-after", "50"},
-                             /*delivered=*/false,
-                             /*stallSeconds=*/"300",
-                             "[ERROR] -- The board reported an update error; giving up the update"},
-                    BoardRun{"BoardNeverAnswers",
-                             {},
-                             /*delivered=*/false,
-                             /*stallSeconds=*/"300",
-                             kRefusal,
-                             /*within=*/13s,
-                             /*boardPresent=*/false}),
-    [](const testing::TestParamInfo<BoardRun>& info) { return info.param.name; });
+const BoardRun kRuns[] = {
+    {"Clean", {}},
+    {"LostDuplicatedAndDamagedReports",
+     {"--drop-reports", "3,40", "--duplicate-reports", "5,30", "--corrupt-frame", "50"}},
+    {"GarbageBetweenFrames", {"--garbage-before", "4,20,60"}},
+    {"LostAcknowledgement", {"--drop-ack-seq", "7"}},
+    {"ResumeFromTheMiddle", {"--start", "30000"}},
+    {"BoardFallsSilentMidTransfer",
+     {"--mute-after", "100"},
+     "[ERROR] -- No progress for 2 s, at block [",
+     /*stallSeconds=*/"2",
+     /*within=*/6s},
+    {"BoardAsksForTheSameBytesForEver",
+     {"--stuck-after", "50"},
+     "[ERROR] -- No progress for 12 s, at block [",
+     /*stallSeconds=*/"300",
+     /*within=*/16s},
+    {"BoardRefusesTheAnnouncedImage", {"--max-image-bytes", "1000"}, kGivenUp},
+    {"BoardForgetsTheUpdateMidTransfer", {"--error-after", "50"}, kGivenUp},
+    {"BoardNeverAnswers", {}, kRefusal, /*stallSeconds=*/"300", /*within=*/13s, /*boardPresent=*/false},
+};
+INSTANTIATE_TEST_SUITE_P(Runs, AConcurrentBoardUpdate, testing::ValuesIn(kRuns),
+                         [](const testing::TestParamInfo<BoardRun>& info) { return info.param.name; });
 
 }  // namespace

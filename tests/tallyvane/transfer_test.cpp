@@ -1,5 +1,4 @@
-// The receive loop on real FIFOs and files, on a thread of its own and the real clock, and a whole update
-// against tallyvane-sim with the machine on this thread.
+// The receive loop on real FIFOs and files, on a thread of its own and the real clock.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,9 +10,6 @@
 
 #include "fake_clock.hpp"
 #include "helpers/tallyvane/tallyvane.hpp"
-#include "lc/qel_arm_control.hpp"
-#include "sm/update_machine.hpp"
-#include "subprocess.hpp"
 #include "temp_dir.hpp"
 #include "text.hpp"
 #include "vyrcam/packets.hpp"
@@ -36,45 +32,6 @@ void Append(Bytes& out, const VYRCam::Packet& packet) {  // as a frame from the 
   out.insert(out.end(), {0xAA, 0xA9});
   out.resize(out.size() + static_cast<std::size_t>(packet.Length()));
   packet.Pack(out.data() + out.size() - packet.Length());
-}
-
-// The machine reads the board's last report (no next position) as a failure and takes its error exit, so it
-// runs in a child and the image is checked here. exit() must not tear down the control library's statics
-// under the receive loop: a frame on a channel the board ignores brings them up first, so that the loop,
-// joined at exit, stops before they go.
-Tallyvane* gExitHelper = nullptr;
-std::thread* gExitReader = nullptr;
-TEST(TheDefaultMode, DeliversTheImageByteForByteWithTheLoopOnItsOwnThread) {
-  TempDir dir;
-  const auto image = RandomBytes(1000, 3);  // not a multiple of the chunk size: a short last chunk
-  dir.Write("tallyvane-9.bin", image);
-  setenv("QUORVEX_FIRMWARE_DIR", dir.path().c_str(), 1);
-  setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir / "downlink").c_str(), 1);
-  setenv("QUORVEX_TALLYVANE_VERSION_FILE", (dir / "board-version").c_str(), 1);
-  ChildProcess sim(TALLYVANE_SIM_BIN,
-                   {"--uplink", dir / "uplink", "--downlink", dir / "downlink", "--out", dir / "received.bin",
-                    "--version-file", dir / "board-version", "--board-version", "3"},
-                   dir.path(), "READY");
-  EXPECT_EXIT(
-      {
-        Tallyvane helper(dir / "uplink", Updater::SystemClock());
-        const std::uint8_t ignored = 0;
-        lc::QelArmControl::Send_Dl_Us_Raw(200, &ignored, 1);
-        std::thread reader([&] { helper.RunReader(); });
-        gExitHelper = &helper;
-        gExitReader = &reader;
-        std::atexit([] {
-          gExitHelper->StopReader();
-          gExitReader->join();
-        });
-        Updater::SM::UpdateMachine machine;
-        machine.SetHelper(&helper);
-        machine.start();
-        std::exit(0);
-      },
-      testing::ExitedWithCode(255), "");
-  WaitUntil([&] { return ReadFile(dir / "received.bin") == image; }, 3s);
-  EXPECT_EQ(ReadFile(dir / "received.bin"), image) << sim.Out();
 }
 
 // A data path that fails on every read (end-of-file or an error, as an empty file, a directory or a dead
@@ -122,8 +79,7 @@ INSTANTIATE_TEST_SUITE_P(
                     DeadLink{"FileOfFrames", WriteFrames, "Read 0 bytes", 1}),
     [](const testing::TestParamInfo<DeadLink>& info) { return info.param.name; });
 
-// The receive loop alone on a FIFO of ours, its output counted from a file as it comes; only a short tail of
-// it is kept, so that our own memory stays flat too.
+// The receive loop alone on a FIFO of ours, its output counted from a file as it comes.
 class AFifoDevice : public testing::Test {
  protected:
   void SetUp() override {
@@ -185,15 +141,12 @@ TEST_F(AFifoDevice, TakesABurstOf1024BytesInOneRead) {
   EXPECT_EQ(chokes, 0u);
 }
 
-TEST_F(AFifoDevice, ReopensForEachOf2000WritersWithoutLeaking) {
-  const auto usage = [] {  // open descriptors, resident kilobytes
-    long pages = 0, resident = 0;
-    std::ifstream("/proc/self/statm") >> pages >> resident;
+TEST_F(AFifoDevice, ReopensForEachOf2000WritersWithoutLeakingADescriptor) {
+  const auto descriptors = [] {
     using std::filesystem::directory_iterator;
-    return std::make_pair(std::distance(directory_iterator("/proc/self/fd"), directory_iterator()),
-                          resident * sysconf(_SC_PAGESIZE) / 1024);
+    return std::distance(directory_iterator("/proc/self/fd"), directory_iterator());
   };
-  const auto first = usage();
+  const auto before = descriptors();
   // A writer that connects while the loop is between its close and its open leaves no hang-up on the new
   // descriptor; it simply connects again.
   for (auto end = std::chrono::steady_clock::now() + 60s;
@@ -202,14 +155,8 @@ TEST_F(AFifoDevice, ReopensForEachOf2000WritersWithoutLeaking) {
     close(Connect());
     WaitUntil([&] { return Reopens() > before; }, 20ms);
   }
-  const auto last = usage();
   EXPECT_EQ(reopens, 2001u);
-  EXPECT_EQ(last.first, first.first) << "descriptors";
-// ThreadSanitizer keeps its own record of every descriptor it has seen, and under qemu-user the resident size
-// is the emulator's, translations included.
-#if !defined(__SANITIZE_THREAD__) && !defined(FWU_EMULATED)
-  EXPECT_LE(last.second, first.second + 256) << "kB";
-#endif
+  EXPECT_EQ(descriptors(), before);
 }
 
 }  // namespace
