@@ -379,6 +379,32 @@ const ChunkCase kChunkCases[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Positions, AChunkPosition, testing::ValuesIn(kChunkCases), RowName<ChunkCase>);
 
+// The concurrent mode's stall limit, on the fake clock: the board told about the image, asked for its first
+// chunk and silent from then on. Each wait for a report of the chunk lasts a second.
+class AConcurrentUpdate : public BoardHelperTest {};
+
+TEST_F(AConcurrentUpdate, GivesUpOnceTheBoardHasBeenSilentForTheStallLimit) {
+  setenv("QUORVEX_STALL_SECONDS", "2", 1);
+  dir.Write("tallyvane-7.bin", RandomBytes(1000, 5));
+  Tallyvane concurrent{dir / "no-device", clock, /*concurrent=*/true};
+  const auto feed = [&](const Bytes& frame) { concurrent.Receive(frame.data(), frame.size()); };
+  feed(Frame(UpdateInfo(0, 0, 64, 1)));
+  Stdout([&] { ASSERT_EQ(concurrent.CheckForUpdate(), 1); });
+  for (auto sequence : concurrent.PendingSequences()) feed(Frame(DatalinkPacketAck(sequence, true)));
+  feed(Frame(ReceivedFirmwareBlock(-1, 0)));
+  const auto sendInVain = [&] {  // whether the chunk was sent
+    int sent = 0;
+    Capture([&] {
+      sent = concurrent.SendFirmwareBlock(0);
+      if (sent) concurrent.WaitForAck(0);
+    });
+    return sent;
+  };
+  EXPECT_EQ(sendInVain(), 1);
+  EXPECT_EQ(sendInVain(), 1) << "silent for a second";
+  EXPECT_EQ(sendInVain(), 0) << "silent for two seconds";
+}
+
 // The helper against the board simulator (its faults named as on its command line), which answers whenever
 // the helper waits, driven as the machine drives it. The board judges the image by the announced byte sum, so
 // an image replaced after the check arrives with a bad one.
