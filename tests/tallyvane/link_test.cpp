@@ -406,8 +406,8 @@ TEST_F(AConcurrentUpdate, GivesUpOnceTheBoardHasBeenSilentForTheStallLimit) {
 }
 
 // The helper against the board simulator (its faults named as on its command line), which answers whenever
-// the helper waits, driven as the machine drives it. The board judges the image by the announced byte sum, so
-// an image replaced after the check arrives with a bad one.
+// the helper waits, driven as the machine drives it. The board judges the image by the announced length and
+// byte sum, and each chunk is read from the image as it is at that moment.
 const char* const kOk = "VERDICT ok bytes=[0-9]+ checksum=[0-9a-f]{4} version=7";
 const char* const kNone = "";
 struct BoardCase {
@@ -416,7 +416,7 @@ struct BoardCase {
   std::size_t chunks;             // firmware blocks the board received; none when nothing was announced
   std::string verdict;            // a pattern for the board's verdict
   std::size_t imageBytes = 1000;  // of version 7, against the board's 5
-  bool replacedAfterTheCheck = false;
+  std::size_t replacedBy = 0;     // bytes of another image written over it after the check; 0: none
 };
 void PrintTo(const BoardCase& row, std::ostream* os) { *os << row.name; }
 
@@ -463,7 +463,7 @@ class AnUpdateOfTheSimulatedBoard : public BoardHelperTest, public testing::With
   void Update() {  // up to the last chunk or a failure
     try {
       if (helper.CheckForUpdate() != 1) return;
-      if (GetParam().replacedAfterTheCheck) dir.Write("tallyvane-7.bin", RandomBytes(1000, 10));
+      if (GetParam().replacedBy > 0) dir.Write("tallyvane-7.bin", RandomBytes(GetParam().replacedBy, 10));
       for (int block = helper.GetFirstUpdateBlock(); helper.SendFirmwareBlock(block);) {
         if (helper.WaitForAck(block) != 0) continue;
         block = helper.GetNextFirmwareBlock();
@@ -504,7 +504,13 @@ const BoardCase kBoardCases[] = {
      /*chunks=*/16,
      "VERDICT bad-checksum bytes=1000 .*",
      /*imageBytes=*/1000,
-     /*replacedAfterTheCheck=*/true},
+     /*replacedBy=*/1000},
+    {"ImageGrownAfterTheCheck",
+     {},
+     /*chunks=*/16,
+     "VERDICT bad-length bytes=1001 expected=1000",
+     /*imageBytes=*/1000,
+     /*replacedBy=*/1001},
 };
 INSTANTIATE_TEST_SUITE_P(Faults, AnUpdateOfTheSimulatedBoard, testing::ValuesIn(kBoardCases),
                          RowName<BoardCase>);
