@@ -241,15 +241,6 @@ class TheSendPath : public BoardHelperTest {
   ClearPendingUpdate clear;
 };
 
-TEST_F(TheSendPath, HoldsBackAPacketWhileAnotherAwaitsItsAcknowledgement) {
-  DatalinkPacketAck ack(1, true);  // wants none itself
-  EXPECT_TRUE(helper.SendPacket(request));
-  EXPECT_FALSE(helper.SendPacket(clear));
-  EXPECT_TRUE(helper.SendPacket(ack));
-  EXPECT_THAT(SentTypes(), ElementsAre(kRequestUpdateInfo, kDatalinkPacketAck));
-  EXPECT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
-}
-
 TEST_F(TheSendPath, ResendsTheOldestPacketEachTimeItHasWaitedMoreThanThreeSeconds) {
   SendTwo();
   const auto resend = [&](std::chrono::nanoseconds wait) {
@@ -273,8 +264,8 @@ TEST_F(TheSendPath, RemovesOnlyThePacketAcknowledgedAsOk) {
 
 class TheAckWait : public BoardHelperTest {
  protected:
-  void SendAndReport(
-      int reportedOffset = 0) {  // one chunk the way the machine sends it, reported by the board
+  // One chunk the way the machine sends it, reported by the board.
+  void SendAndReport(int reportedOffset = 0) {
     Stdout([&] { ASSERT_TRUE(helper.SendBlock(0, Bytes(4, 0x5A))); });
     AckEverything();
     Feed(Frame(ReceivedFirmwareBlock(helper.State().lastSentBlock + reportedOffset, 0)));
