@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "temp_dir.hpp"  // ReadFile
 
@@ -14,6 +16,13 @@ inline std::size_t CountOf(const std::string& text, const std::string& needle) {
   for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
   return count;
 }
+// The lines of `text`, without their line ends; a last line without one counts too.
+inline std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
 inline std::string RandomBytes(std::size_t n, unsigned seed) {
   std::mt19937 gen(seed);
   std::string bytes(n, '\0');
@@ -23,10 +32,19 @@ inline std::string RandomBytes(std::size_t n, unsigned seed) {
 
 // What `f` wrote on standard output, on standard error, on both.
 namespace capture = ::testing::internal;
-template <class F> std::string Stdout(F&& f) { return capture::CaptureStdout(), f(), capture::GetCapturedStdout(); }
-template <class F> std::string Stderr(F&& f) { return capture::CaptureStderr(), f(), capture::GetCapturedStderr(); }
-struct Captured { std::string out, err; };
-template <class F> Captured Capture(F&& f) {
+template <class F>
+std::string Stdout(F&& f) {
+  return capture::CaptureStdout(), f(), capture::GetCapturedStdout();
+}
+template <class F>
+std::string Stderr(F&& f) {
+  return capture::CaptureStderr(), f(), capture::GetCapturedStderr();
+}
+struct Captured {
+  std::string out, err;
+};
+template <class F>
+Captured Capture(F&& f) {
   capture::CaptureStdout(), capture::CaptureStderr();
   f();
   return {capture::GetCapturedStdout(), capture::GetCapturedStderr()};

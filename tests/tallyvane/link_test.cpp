@@ -1,22 +1,22 @@
 // The counter-link helper on one thread and a fake clock, the test (or the board simulator) playing the
 // board: frames fed one read() at a time, the downlink read back from a FIFO.
+#include "link.hpp"
+
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
-#include <functional>
 #include <iostream>
-#include <tuple>
+#include <sstream>
 
+#include "board.hpp"
 #include "fake_clock.hpp"
 #include "helpers/tallyvane/tallyvane.hpp"
-#include "board.hpp"
 #include "lc/downlink_frame.hpp"
-#include "link.hpp"
 #include "temp_dir.hpp"
 #include "text.hpp"
 #include "vyrcam/packets.hpp"
@@ -25,29 +25,55 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace VYRCam;
-using Bytes = std::vector<std::uint8_t>;
-using Updater::Helpers::Tallyvane;
 using namespace Updater::Testing;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using Updater::Helpers::Tallyvane;
+using Bytes = std::vector<std::uint8_t>;
 
 Bytes Frame(const Packet& packet) {  // 0xAA 0xA9 and the packed packet, as the board writes it
   Bytes out{0xAA, 0xA9};
   out.resize(2 + static_cast<std::size_t>(packet.Length()));
-  return packet.Pack(out.data() + 2), out;
+  packet.Pack(out.data() + 2);
+  return out;
 }
 Bytes Concat(std::initializer_list<Bytes> parts) {
   Bytes out;
   for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
   return out;
 }
-std::vector<long long> Fields(const Tallyvane::LinkState& s) {  // every field, in declaration order
-  return {s.updateCompleted, s.partialDlVer, s.downloadedBlocks, s.flashSector, s.haveUpdateInfo, s.firstBlock,
-          s.lastReceived,    s.nextBlock,    s.blockReportReceived, s.lastSentBlock, s.lastAckedBlock};
+Bytes Damaged(Bytes frame, std::size_t at) {
+  frame[at] ^= 0x10;
+  return frame;
+}
+Bytes Cut(Bytes frame, std::size_t by) { return Bytes(frame.begin(), frame.end() - by); }
+Bytes OfType(std::uint8_t type) {  // a frame whose type code the helper does not know
+  auto frame = Frame(UpdateComplete());
+  frame[3] = type;
+  return frame;
+}
+std::string Red(const std::string& text) {
+  return "\033[0;31mfw-updater Debug: [ERROR] -- " + text + "\033[0m";
+}
+// Every field named, so that a failure shows which one differs.
+std::string Describe(const Tallyvane::LinkState& s) {
+  std::ostringstream out;
+  out << "completed=" << +s.updateCompleted << " partialDlVer=" << s.partialDlVer
+      << " downloaded=" << s.downloadedBlocks << " sector=" << s.flashSector << " info=" << +s.haveUpdateInfo
+      << " first=" << s.firstBlock << " lastReceived=" << s.lastReceived << " next=" << s.nextBlock
+      << " reported=" << +s.blockReportReceived << " sent=" << s.lastSentBlock
+      << " acked=" << s.lastAckedBlock;
+  return out.str();
+}
+template <class Row>
+std::string RowName(const testing::TestParamInfo<Row>& info) {
+  return info.param.name;
 }
 
-class LinkTest : public testing::Test {
+class BoardHelperTest : public testing::Test {
  protected:
   // The downlink device is a FIFO whose read end stays open, so that every write lands.
-  LinkTest() {
+  BoardHelperTest() {
     mkfifo((dir / "downlink").c_str(), 0600);
     tap = open((dir / "downlink").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir / "downlink").c_str(), 1);
@@ -56,8 +82,9 @@ class LinkTest : public testing::Test {
     std::cout << std::dec;  // a helper before us may have left it in hexadecimal
     Tallyvane::lastProgressPrint = clock.Now() - 1h;
   }
-  ~LinkTest() override { close(tap); }
-  std::vector<Bytes> Sent() {  // the packets written since the last call, in order; each on the helper's channel
+  ~BoardHelperTest() override { close(tap); }
+  std::vector<Bytes>
+  Sent() {  // the packets written since the last call, in order; each on the helper's channel
     Bytes got(1 << 16);
     got.resize(static_cast<std::size_t>(std::max<ssize_t>(0, read(tap, got.data(), got.size()))));
     std::vector<Bytes> out;
@@ -68,15 +95,17 @@ class LinkTest : public testing::Test {
     }
     return out;
   }
+  std::vector<int> SentTypes() {
+    std::vector<int> types;
+    for (const auto& packet : Sent()) types.push_back(packet[1]);
+    return types;
+  }
   void Feed(const Bytes& bytes) { helper.Receive(bytes.data(), bytes.size()); }
-  std::string Printed(const Bytes& bytes) { return Stdout([&] { Feed(bytes); }); }
+  std::string Printed(const Bytes& bytes) {
+    return Stdout([&] { Feed(bytes); });
+  }
   void AckEverything() {
     for (auto sequence : helper.PendingSequences()) Feed(Frame(DatalinkPacketAck(sequence, true)));
-  }
-  void SendAndReport(int reportedOffset = 0) {  // one chunk the way the machine sends it, reported by the board
-    ASSERT_TRUE(helper.SendBlock(0, Bytes(4, 0x5A)));
-    AckEverything();
-    Feed(Frame(ReceivedFirmwareBlock(helper.State().lastSentBlock + reportedOffset, 0)));
   }
   TempDir dir;
   int tap = -1;
@@ -84,263 +113,414 @@ class LinkTest : public testing::Test {
   Tallyvane helper{dir / "no-device", clock};
 };
 
-// The progress line's throttle; reads cut into frames and resynchronised; the link state the frames leave.
-TEST_F(LinkTest, ReadsAreCutIntoFramesResynchroniseOnTheSyncBytesAndUpdateTheLinkState) {
-  // Exactly the interval since the last progress line is still quiet; the end of the image always prints.
-  const struct { std::chrono::milliseconds wait; int last; std::uint32_t next; bool printed; } steps[] = {
-      {0ms, 0, 64, true},           {500ms, 64, 128, false},      {500ms, 128, 192, false},
-      {0ms, 192, 0xFFFFFFFF, true}, {0ms, 192, 0xFFFFFFFF, true}, {1ms, 192, 256, true}};
-  for (const auto& step : steps) {
-    clock.Advance(step.wait);
-    const std::string line = "Processing ACK for firmware block, last byte: [" + std::to_string(step.last) +
-                             "], next byte: [" + std::to_string(static_cast<int>(step.next)) + "]\n";
-    EXPECT_EQ(Printed(Frame(ReceivedFirmwareBlock(step.last, step.next))), step.printed ? line : "") << step.last;
-  }
-  // One read each, on a fresh helper. After a frame that does not unpack, every byte up to the next sync bytes
-  // (or the end of the read) costs a dump and a "CHOKE"; a packet without sync bytes in front is never taken.
-  // syslog() mirrors its records to stderr under LOG_PERROR, so all failure reports are seen.
-  auto cut = [](Bytes frame, std::size_t by) { return Bytes(frame.begin(), frame.end() - by); };
-  auto flip = [](Bytes frame, std::size_t at) { return frame[at] ^= 0x10, frame; };
-  auto typed = [](std::uint8_t type) { auto f = Frame(UpdateComplete()); return f[3] = type, f; };
-  auto dump = [](const Bytes& read, std::size_t from) {
-    std::string out = "*** Received:\n";
-    for (auto i = from; i < read.size(); ++i) out += {"0123456789ABCDEF"[read[i] >> 4], "0123456789ABCDEF"[read[i] & 15], ' '};
-    return out + "\nCHOKE\n";
+class TheReceivePath : public BoardHelperTest {};
+
+TEST_F(TheReceivePath, PrintsAProgressLineAtMostOncePerSecondButAlwaysAtTheEnd) {
+  const auto report = [&](int last, std::uint32_t next) {
+    return Printed(Frame(ReceivedFirmwareBlock(last, next)));
   };
-  const auto report = Frame(ReceivedFirmwareBlock(-1, 128)), badCrc = flip(Frame(ReceivedFirmwareBlock(10, 20)), 14);
-  const Bytes unsynced(report.begin() + 2, report.end());
-  const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- Failed to Unpack ", reset = "]\033[0m\n",
-                    badReport = red + "ReceivedFirmwareBlock [4" + reset;
-  const struct { Bytes read; std::size_t chokes; bool gulp; int next; std::string failure; } rows[] = {
-      {{0xAA, 0xA9}, 0, false, -1, ""}, {{0x01, 0x02}, 0, false, -1, ""}, {Concat({{0x00}, report}), 0, true, -1, ""},
-      {Concat({{0xAA, 0x00}, report}), 0, true, -1, ""}, {Concat({{0x12, 0x34}, unsynced}), 0, true, -1, ""},
-      {Concat({report, {0x55, 0x66, 0x77}, Frame(ReceivedFirmwareBlock(128, 192))}), 0, true, 128, ""},
-      {Concat({typed(34), report}), 7, false, 128, ""}, {Concat({typed(40), report}), 7, false, 128, ""},
-      {Concat({badCrc, report}), 15, false, 128, badReport},
-      {Concat({badCrc, {0x12, 0x34}, unsynced}), 30, false, -1, badReport},
-      {Concat({badCrc, {0xAA, 0x00}, unsynced}), 30, false, -1, badReport},
-      {Concat({typed(34), {0x12, 0x34}, unsynced}), 22, false, -1, ""},
-      {cut(Frame(UpdateInfo(1, 2, 64, 3)), 4), 14, false, -1, red + "UpdateInfo [1" + reset},
-      {flip(Frame(UpdateComplete()), 4), 7, false, -1, red + "UpdateComplete [4" + reset},
-      {flip(Frame(DatalinkPacketAck(7, true)), 8), 9, false, -1, "Failed to Unpack DataLink Packet ACK [4]"},
-      {cut(Frame(UpdateError()), 1), 6, false, -1, "Failed to Unpack UpdateError [1]"},
-  };
-  openlog("tallyvane-test", LOG_PERROR, LOG_USER);
-  for (const auto& row : rows) {
-    Tallyvane fresh{dir / "no-device", clock};
-    std::string out;
-    const auto err = Stderr([&] { out = Stdout([&] { fresh.Receive(row.read.data(), row.read.size()); }); });
-    SCOPED_TRACE(out + err);  // failed frames set neither the update information nor the completion
-    EXPECT_EQ(std::make_tuple(CountOf(out, "CHOKE\n"), fresh.State().nextBlock, CountOf(out + err, "Failed to Unpack"),
-                              fresh.State().haveUpdateInfo + fresh.State().updateCompleted),
-              std::make_tuple(row.chokes, row.next, std::size_t{!row.failure.empty()}, 0));
-    // The dumps come first, after a red failure line; without a CHOKE only a GULP may be printed.
-    EXPECT_EQ(out.find(dump(row.read, 0) + dump(row.read, 1)),
-              row.chokes == 0 ? std::string::npos : out.rfind(row.failure, 0) == 0 ? row.failure.size() : 0);
-    EXPECT_TRUE(row.chokes > 0 || out == (row.gulp ? "GULP; ignoring this frame's data\n" : ""));
-    EXPECT_NE((out + err).find(row.failure), std::string::npos);
-  }
-  closelog();
-  // Frames of one read in order, a completion handled once, then an update error that resets
-  // everything but the flash sector (not part of an update's progress) and prints nothing.
-  Feed(Concat({Frame(UpdateInfo(0x1234, 0xFFFFFFFE, 32, 7)), Frame(ReceivedFirmwareBlock(-1, 10)),
-               Frame(ReceivedFirmwareBlock(10, 20))}));
-  // Blocks sign-extended from 32 bits; the first block is set only by the first report, the next by the last.
-  EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{0, 0x1234, -2, 7, 1, 10, 10, 20, 1, -1, 10}));
-  EXPECT_NE(Printed(Frame(UpdateComplete())).find("that the update has completed!"), std::string::npos);
-  const auto apply = Sent();
-  EXPECT_TRUE(apply.size() == 1 && apply[0][1] == kApplyUpdate);
-  Feed(Frame(DatalinkPacketAck(0, true)));  // so that a second ApplyUpdate could not be held back by the queue
-  EXPECT_EQ(Printed(Frame(UpdateComplete())), "");
-  EXPECT_TRUE(Sent().empty());
-  EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{1, 0x1234, -2, 7, 1, -1, -1, -1, 1, -1, -1}));
-  helper.SendBlock(40, Bytes(8, 0x11));
-  Feed(Frame(ReceivedFirmwareBlock(40, 80)));
-  ASSERT_EQ(helper.PendingCount(), 1u);
-  EXPECT_EQ(Printed(Frame(UpdateError())), "");
-  EXPECT_EQ(helper.PendingCount(), 0u);
-  EXPECT_EQ(Fields(helper.State()), (std::vector<long long>{0, 0, 0, 7, 0, 0, -1, -1, 0, -1, -1}));
+  EXPECT_EQ(report(-1, 0), "");  // nothing received yet, but the second starts
+  clock.Advance(1001ms);
+  EXPECT_EQ(report(0, 64), "Processing ACK for firmware block, last byte: [0], next byte: [64]\n");
+  clock.Advance(1000ms);
+  EXPECT_EQ(report(64, 0xFFFFFFFF), "Processing ACK for firmware block, last byte: [64], next byte: [-1]\n");
+  EXPECT_EQ(report(64, 128), "");
+  clock.Advance(1ms);
+  EXPECT_NE(report(128, 192), "") << "the line at the end does not start a second";
 }
 
-// Packets that want an acknowledgement queue behind the one on the wire; only the oldest is resent, once it
-// has waited more than 3 s; sequences wrap at 256. The acknowledgement wait adapts the packet size.
-TEST_F(LinkTest, SendPathQueuesResendsWrapsSequencesAndTheAckWaitAdaptsThePacketSize) {
-  RequestUpdateInfo request; ClearPendingUpdate clear; DatalinkPacketAck noAck(1, true);  // never queued
-  EXPECT_EQ((std::vector<bool>{helper.SendPacket(request), helper.SendPacket(clear), helper.SendPacket(noAck)}),
-            (std::vector<bool>{true, false, true}));
-  const auto sent = Sent();
-  ASSERT_EQ(sent.size(), 2u);
-  EXPECT_TRUE(sent[0][1] == kRequestUpdateInfo && sent[1][1] == kDatalinkPacketAck);
-  ASSERT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
-  auto resend = [&](std::chrono::nanoseconds wait) {
-    return clock.Advance(wait), Stderr([&] { EXPECT_TRUE(helper.ResendExpired()); });
+TEST_F(TheReceivePath, ShowsWhatIsLeftOfTheReadBeforeEachChoke) {
+  const Bytes read{0xAA, 0xA9, 0x22, 0xAA, 0xA9};  // type 0xAA is unknown
+  EXPECT_THAT(Lines(Printed(read)), ElementsAre("*** Received:", "AA A9 22 AA A9 ", "CHOKE",  //
+                                                "*** Received:", "A9 22 AA A9 ", "CHOKE",     //
+                                                "*** Received:", "22 AA A9 ", "CHOKE"));
+}
+
+TEST_F(TheReceivePath, AnswersOnlyTheFirstCompletionWithApplyUpdate) {
+  EXPECT_THAT(Printed(Frame(UpdateComplete())), HasSubstr("that the update has completed!"));
+  EXPECT_THAT(SentTypes(), ElementsAre(kApplyUpdate));
+  Feed(
+      Frame(DatalinkPacketAck(0, true)));  // so that a second ApplyUpdate could not be held back by the queue
+  EXPECT_EQ(Printed(Frame(UpdateComplete())), "");
+  EXPECT_TRUE(Sent().empty());
+}
+
+TEST_F(TheReceivePath, TakesACompletionAsTheAcknowledgementOfTheLastBlockSent) {
+  Feed(Concat({Frame(ReceivedFirmwareBlock(-1, 10)), Frame(ReceivedFirmwareBlock(10, 20))}));
+  Printed(Frame(UpdateComplete()));
+  EXPECT_EQ(Describe(helper.State()),
+            "completed=1 partialDlVer=0 downloaded=0 sector=0 info=0 first=-1 lastReceived=-1 next=-1 "
+            "reported=1 sent=-1 acked=-1");
+}
+
+TEST_F(TheReceivePath, ForgetsTheUpdateButNotTheFlashSectorOnAnUpdateError) {
+  Feed(Concat({Frame(UpdateInfo(0x1234, 3, 32, 7)), Frame(ReceivedFirmwareBlock(-1, 10))}));
+  Stdout([&] {
+    Feed(Frame(UpdateComplete()));
+    helper.SendBlock(40, Bytes(8, 0x11));  // waits behind ApplyUpdate
+  });
+  Feed(Frame(ReceivedFirmwareBlock(40, 80)));
+  EXPECT_EQ(Printed(Frame(UpdateError())), "");
+  EXPECT_EQ(helper.PendingCount(), 0u);
+  EXPECT_EQ(Describe(helper.State()),
+            "completed=0 partialDlVer=0 downloaded=0 sector=7 info=0 first=0 lastReceived=-1 next=-1 "
+            "reported=0 sent=-1 acked=-1");
+}
+
+// One read each. After a frame that does not unpack, every byte up to the next sync bytes (or the end of the
+// read) costs a "CHOKE"; a packet without sync bytes in front is never taken. syslog() mirrors its records to
+// standard error under LOG_PERROR, so all failure reports are seen.
+struct ReadCase {
+  std::string name;
+  Bytes read;
+  std::size_t chokes = 0;
+  std::size_t gulps = 0;  // lines saying the rest of the read was dropped
+  int next = -1;          // the position a report in the read asked for; -1 when none was taken
+  std::string failure{};  // how the failed unpack was reported; empty when none was
+};
+void PrintTo(const ReadCase& row, std::ostream* os) { *os << row.name; }
+const Bytes kReport = Frame(ReceivedFirmwareBlock(-1, 128));
+const Bytes kUnsynced(kReport.begin() + 2, kReport.end());
+const Bytes kDamagedReport = Damaged(Frame(ReceivedFirmwareBlock(10, 20)), 14);
+const std::string kReportFailure = Red("Failed to Unpack ReceivedFirmwareBlock [4]");
+
+class ARead : public BoardHelperTest, public testing::WithParamInterface<ReadCase> {
+ protected:
+  void SetUp() override {
+    openlog("tallyvane-test", LOG_PERROR, LOG_USER);
+    seen = Capture([&] { Feed(GetParam().read); });
+  }
+  void TearDown() override { closelog(); }
+  Captured seen;
+};
+
+TEST_P(ARead, IsCutIntoFramesAtTheSyncBytes) {
+  EXPECT_EQ(CountOf(seen.out, "CHOKE\n"), GetParam().chokes);
+  EXPECT_EQ(CountOf(seen.out, "GULP; ignoring this frame's data\n"), GetParam().gulps);
+  EXPECT_EQ(helper.State().nextBlock, GetParam().next);
+}
+
+TEST_P(ARead, ReportsAFrameOfAKnownTypeThatDoesNotUnpack) {
+  EXPECT_EQ(CountOf(seen.out + seen.err, "Failed to Unpack"), GetParam().failure.empty() ? 0u : 1u);
+  EXPECT_THAT(seen.out + seen.err, HasSubstr(GetParam().failure));
+}
+
+const ReadCase kReadCases[] = {
+    {"TwoBytes", {0x01, 0x02}},
+    {"FirstSyncByteAlone", Concat({{0xAA, 0x00}, kReport}), /*chokes=*/0, /*gulps=*/1},
+    {"PacketWithoutSyncBytes", Concat({{0x12, 0x34}, kUnsynced}), /*chokes=*/0, /*gulps=*/1},
+    {"NoiseAfterAFrame", Concat({kReport, {0x55, 0x66, 0x77}, Frame(ReceivedFirmwareBlock(128, 192))}),
+     /*chokes=*/0, /*gulps=*/1, /*next=*/128},
+    {"UnknownType34", Concat({OfType(34), kReport}), /*chokes=*/7, /*gulps=*/0, /*next=*/128},
+    {"UnknownType40", Concat({OfType(40), kReport}), /*chokes=*/7, /*gulps=*/0, /*next=*/128},
+    {"DamagedReport", Concat({kDamagedReport, kReport}), /*chokes=*/15, /*gulps=*/0, /*next=*/128,
+     kReportFailure},
+    {"DamagedReportThenNoSyncBytes", Concat({kDamagedReport, {0x12, 0x34}, kUnsynced}), /*chokes=*/30,
+     /*gulps=*/0, /*next=*/-1, kReportFailure},
+    {"DamagedReportThenHalfTheSyncBytes", Concat({kDamagedReport, {0xAA, 0x00}, kUnsynced}), /*chokes=*/30,
+     /*gulps=*/0, /*next=*/-1, kReportFailure},
+    {"ShortUpdateInfo", Cut(Frame(UpdateInfo(1, 2, 64, 3)), 4), /*chokes=*/14, /*gulps=*/0, /*next=*/-1,
+     Red("Failed to Unpack UpdateInfo [1]")},
+    {"DamagedCompletion", Damaged(Frame(UpdateComplete()), 4), /*chokes=*/7, /*gulps=*/0, /*next=*/-1,
+     Red("Failed to Unpack UpdateComplete [4]")},
+    {"DamagedAcknowledgement", Damaged(Frame(DatalinkPacketAck(7, true)), 8), /*chokes=*/9, /*gulps=*/0,
+     /*next=*/-1, "Failed to Unpack DataLink Packet ACK [4]"},
+    {"ShortUpdateError", Cut(Frame(UpdateError()), 1), /*chokes=*/6, /*gulps=*/0, /*next=*/-1,
+     "Failed to Unpack UpdateError [1]"},
+};
+INSTANTIATE_TEST_SUITE_P(Reads, ARead, testing::ValuesIn(kReadCases), RowName<ReadCase>);
+
+class TheSendPath : public BoardHelperTest {
+ protected:
+  void SendTwo() {  // both want an acknowledgement
+    helper.SendPacket(request);
+    helper.SendPacket(clear);
+    Sent();
+  }
+  RequestUpdateInfo request;
+  ClearPendingUpdate clear;
+};
+
+TEST_F(TheSendPath, ResendsTheOldestPacketEachTimeItHasWaitedMoreThanThreeSeconds) {
+  SendTwo();
+  const auto resend = [&](std::chrono::nanoseconds wait) {
+    clock.Advance(wait);
+    return Stderr([&] { helper.ResendExpired(); });
   };
   EXPECT_EQ(resend(3000ms), "");
   EXPECT_EQ(resend(1ns), "VYR cam expired ACK [#0], resending.\n");
-  EXPECT_EQ(resend(0ns), "");  // the resend restarted its timer
-  EXPECT_EQ(Sent(), (std::vector<Bytes>{sent[0]}));
-  Feed(Frame(DatalinkPacketAck(0, false)));  // a refusal changes nothing
+  EXPECT_EQ(resend(3000ms), "");
+  EXPECT_EQ(resend(1ns), "VYR cam expired ACK [#0], resending.\n");
+  EXPECT_THAT(SentTypes(), ElementsAre(kRequestUpdateInfo, kRequestUpdateInfo));
+}
+
+TEST_F(TheSendPath, RemovesOnlyThePacketAcknowledgedAsOk) {
+  SendTwo();
+  Feed(Concat({Frame(DatalinkPacketAck(0, false)), Frame(DatalinkPacketAck(9, true))}));
   EXPECT_EQ(helper.PendingSequences(), (Bytes{0, 1}));
-  Feed(Concat({Frame(DatalinkPacketAck(0, true)), Frame(DatalinkPacketAck(9, true))}));
-  EXPECT_EQ(helper.PendingSequences(), (Bytes{1}));
-  EXPECT_EQ(resend(3001ms), "VYR cam expired ACK [#1], resending.\n");  // the one queued behind leaves the same way
-  const auto again = Sent();
-  EXPECT_TRUE(again.size() == 1 && again[0][1] == kClearPendingUpdate);
-  // Once nothing is outstanding there is nothing to miss.
-  EXPECT_EQ((std::vector<bool>{helper.RemovePending(9), helper.RemovePending(1), helper.RemovePending(9)}),
-            (std::vector<bool>{false, true, true}));
-  auto out = Stdout([&] { for (int i = 3; i < 258; ++i) ASSERT_TRUE(helper.SendPacket(noAck)); });
-  const auto wrapped = Sent();
-  ASSERT_EQ(wrapped.size(), 255u);
-  for (std::size_t i = 0; i < wrapped.size(); ++i) ASSERT_EQ(wrapped[i][2], (i + 3) % 256) << i;
-  EXPECT_NE(out.find(" ** Sending message pkt # [255]\n ** Sending message pkt # [0]\n"), std::string::npos);
-  // The packet size drops to 1 after a failed wait and climbs back to 64.
-  ASSERT_TRUE(helper.SendBlock(0, {1}));  // never reported by the board
-  EXPECT_EQ(Stderr([&] { out = Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 1); }); }),
-            "Caught ACK timeout! Still waiting...\n");
-  EXPECT_NE(out.find("Tallyvane ACK status: 1\n\033[0;36mfw-updater Debug: Clearing Vexalume packet queue\033[0m\n"
-                     "********************* Dropping packet size to [1]\n"), std::string::npos);
+  Feed(Frame(DatalinkPacketAck(1, true)));
+  EXPECT_EQ(helper.PendingSequences(), (Bytes{0}));
+}
+
+class TheAckWait : public BoardHelperTest {
+ protected:
+  // One chunk the way the machine sends it, reported by the board.
+  void SendAndReport(int reportedOffset = 0) {
+    Stdout([&] { ASSERT_TRUE(helper.SendBlock(0, Bytes(4, 0x5A))); });
+    AckEverything();
+    Feed(Frame(ReceivedFirmwareBlock(helper.State().lastSentBlock + reportedOffset, 0)));
+  }
+  Captured WaitInVain() {  // for a chunk the board never reports
+    Stdout([&] { helper.SendBlock(0, {1}); });
+    return Capture([&] { EXPECT_EQ(helper.WaitForAck(0), 1); });
+  }
+};
+
+TEST_F(TheAckWait, DropsThePacketSizeToOneWhenTheChunkIsNotReported) {
+  const auto seen = WaitInVain();
   EXPECT_EQ(helper.PacketSize(), 1);
   EXPECT_EQ(helper.PendingCount(), 0u);
-  // Three attempts, each 167 polls of 30 ms and 12 pauses of 250 ms.
-  EXPECT_EQ(std::make_tuple(clock.Sleeps(), clock.Slept()),
-            std::make_tuple(3 * (167 + 12), 3 * (167 * 30ms + 12 * 250ms)));
-  for (int expected : {2, 4, 8, 16, 32, 64, 64}) {  // at the top it stays there, without a word about it
+  EXPECT_THAT(seen.out, HasSubstr("Clearing Vexalume packet queue\033[0m\n"
+                                  "********************* Dropping packet size to [1]\n"));
+  EXPECT_EQ(seen.err, "Caught ACK timeout! Still waiting...\n");
+}
+
+TEST_F(TheAckWait, TriesThreeTimesAFiveSecondPollAndTwelvePauses) {
+  WaitInVain();
+  EXPECT_EQ(clock.Sleeps(), 3 * (167 + 12));  // 167 polls of 30 ms are the first past 5 s
+  EXPECT_EQ(clock.Slept(), 3 * (167 * 30ms + 12 * 250ms));
+}
+
+TEST_F(TheAckWait, DoublesThePacketSizeWithEachAcknowledgedChunk) {
+  WaitInVain();
+  for (int expected : {2, 4, 8, 16, 32, 64}) {
     SendAndReport();
-    const std::string bump = expected != helper.PacketSize() ? "Bumping packet size to [" + std::to_string(expected) + "]\n" : "";
-    EXPECT_EQ(Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); }), "[Talyvane] waiting for ACK!\nTallyvane ACK status: 0\n" + bump);
+    const auto out = Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); });
+    EXPECT_THAT(out, HasSubstr("Bumping packet size to [" + std::to_string(expected) + "]\n"));
     EXPECT_EQ(helper.PacketSize(), expected);
   }
-  // A report beyond the last sent block is taken as a missed acknowledgement, once.
+}
+
+TEST_F(TheAckWait, KeepsThePacketSizeAtSixtyFourWithoutAWord) {
+  SendAndReport();
+  EXPECT_THAT(Lines(Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); })),
+              ElementsAre("[Talyvane] waiting for ACK!", "Tallyvane ACK status: 0"));
+  EXPECT_EQ(helper.PacketSize(), 64);
+}
+
+TEST_F(TheAckWait, TakesAReportBeyondTheLastSentBlockAsAMissedAcknowledgement) {
   SendAndReport(100);
-  const std::string both = std::to_string(helper.State().lastAckedBlock);
+  const std::string acked = std::to_string(helper.State().lastAckedBlock);
   const auto slept = clock.Slept();
-  out = Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); });
+  const auto out = Stdout([&] { EXPECT_EQ(helper.WaitForAck(0), 0); });
   EXPECT_EQ(CountOf(out, "************************************* Debug: Possible missed ACK?\n"), 1u);
-  EXPECT_NE(out.find("Last Acked: [" + both + "], last sent: [" + both + "]\n"), std::string::npos);
-  EXPECT_EQ(std::to_string(helper.State().lastSentBlock), both);
-  EXPECT_EQ(clock.Slept() - slept, 30ms + 250ms) << "one 30 ms poll for the report, one pause before the second round";
+  EXPECT_THAT(out, HasSubstr("Last Acked: [" + acked + "], last sent: [" + acked + "]\n"));
+  EXPECT_EQ(clock.Slept() - slept, 30ms + 250ms)
+      << "one poll for the report, one pause before the second round";
 }
 
-// A board that never answers costs 102 polls 100 ms apart. Chunks are read at the positions the board names,
-// from the image as it is at that moment.
-TEST_F(LinkTest, UpdateCheckGivesUpOnASilentBoardAndChunksAreReadAtTheBoardsPositions) {
-  EXPECT_EQ(Stdout([&] { EXPECT_EQ(helper.CheckForUpdate(), 0); }),
-            " ** Sending message pkt # [0]\n\033[0;31mfw-updater Debug: [ERROR] -- Error asking tallyvane for update "
-            "info status, not updating\033[0m\n");
-  EXPECT_EQ(std::make_tuple(clock.Sleeps(), clock.Slept()), std::make_tuple(102, 102 * 100ms));
-  Stdout([&] {  // 256 less the byte sum, in 16 bits
-    EXPECT_EQ(std::make_tuple(Tallyvane::tallyvane_checksum("", 0), Tallyvane::tallyvane_checksum("abc", 3)),
-              std::make_tuple(256, 65498));
-  });
-  const auto image = RandomBytes(1000, 5);
-  const auto path = dir.Write("tallyvane-7.bin", image);
-  Feed(Frame(UpdateInfo(0, 0, 64, 1)));  // the board has answered already
-  Stdout([&] { ASSERT_EQ(helper.CheckForUpdate(), 1); });
-  AckEverything(), Sent();
-  EXPECT_TRUE(helper.HaveUpdateFile());
-  const auto send = [&](int at, int result) { return Stderr([&] { EXPECT_EQ(helper.SendFirmwareBlock(at), result) << at; }); };
-  const auto past = [](int at, int read) {
-    return "Chunk #[" + std::to_string(at) + "] extends past file (length [1000]), this should be the last chunk!\n"
-           "Couldn't read full [64] bytes into chunk, only read [" + std::to_string(read) + "] bytes.\n";
-  };
-  const auto chunk = [&](int at, const std::string& warning) {  // the data of the one block it sends
-    EXPECT_EQ(send(at, 1), warning);
-    const auto sent = Sent();
-    FirmwareBlock block;
-    EXPECT_TRUE(sent.size() == 1 && block.Unpack(reinterpret_cast<const char*>(sent[0].data()), sent[0].size()) == 0);
+class TheUpdateCheck : public BoardHelperTest {};
+
+TEST_F(TheUpdateCheck, GivesUpAfter102PollsOfASilentBoard) {
+  EXPECT_THAT(Lines(Stdout([&] { EXPECT_EQ(helper.CheckForUpdate(), 0); })),
+              ElementsAre(" ** Sending message pkt # [0]",
+                          Red("Error asking tallyvane for update info status, not updating")));
+  EXPECT_EQ(clock.Sleeps(), 102);
+  EXPECT_EQ(clock.Slept(), 102 * 100ms);
+}
+
+// An update announced to a board that has answered already, and the board asking for a chunk at a position.
+struct ChunkCase {
+  std::string name;
+  int position;
+  int sent;             // what the send returns
+  std::string warning;  // on standard error
+};
+void PrintTo(const ChunkCase& row, std::ostream* os) { *os << row.name; }
+std::string PastTheEnd(int position, int read) {
+  return "Chunk #[" + std::to_string(position) +
+         "] extends past file (length [1000]), this should be the last chunk!\n"
+         "Couldn't read full [64] bytes into chunk, only read [" +
+         std::to_string(read) + "] bytes.\n";
+}
+
+class AnAnnouncedImage : public BoardHelperTest {
+ protected:
+  AnAnnouncedImage() {
+    dir.Write("tallyvane-7.bin", RandomBytes(1000, 5));
+    Feed(Frame(UpdateInfo(0, 0, 64, 1)));
+    Stdout([&] { EXPECT_EQ(helper.CheckForUpdate(), 1); });
     AckEverything();
-    return std::string(block.Data().begin(), block.Data().end());
-  };
-  EXPECT_EQ(chunk(100, ""), image.substr(100, 64));
-  EXPECT_EQ(chunk(960, past(960, 40)), image.substr(960));
-  EXPECT_TRUE(chunk(1000, past(1000, 0)).empty());
-  EXPECT_EQ(send(1001, 0), "Calculated chunk start of [1001] which is larger than the firmware file... aborting update.\n");
-  // A chunk that ends exactly at the end is not announced as running past it; each chunk reopens the image.
-  dir.Write("tallyvane-7.bin", std::string(1000, 'x'));
-  EXPECT_EQ(chunk(936, ""), std::string(64, 'x'));
-  std::filesystem::remove(path);
-  send(0, 0);
-  EXPECT_TRUE(Sent().empty());
-  // A FIFO swapped in since the scan is refused at once; so is a directory that others may write.
-  const auto refused = [](const std::string& what) {  // the red line
-    return "\033[0;31mfw-updater Debug: [ERROR] -- " + what + "; not updating\033[0m\n";
-  };
-  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  EXPECT_EQ(Stdout([&] { send(0, 0); }), refused("Firmware package [" + path + "] is not a regular file"));
-  std::filesystem::remove(path);
-  dir.Write("tallyvane-7.bin", image);
-  chmod(dir.path().c_str(), 0703);
-  EXPECT_EQ(Stdout([&] { send(0, 0); }),
-            refused("Firmware directory [" + dir.path() + "] is writable by group or others"));
+  }
+};
+
+class AChunkPosition : public AnAnnouncedImage, public testing::WithParamInterface<ChunkCase> {};
+
+TEST_P(AChunkPosition, IsSentUpToTheEndOfTheImage) {
+  EXPECT_EQ(Stderr([&] {
+              Stdout([&] { EXPECT_EQ(helper.SendFirmwareBlock(GetParam().position), GetParam().sent); });
+            }),
+            GetParam().warning);
 }
 
-// The helper against the board simulator, which answers whenever the helper waits. An image no newer than the
-// board's, or none, is no update; a newer one is announced and sent through the board's faults, each costing
-// what it names. A lost or damaged acknowledgement strands the next chunk behind the unacknowledged one, and an
-// error report ends the update; anything else is survived. The board judges the image by the announced byte
-// sum, so an image replaced after the check arrives with a bad one.
-TEST_F(LinkTest, UpdatesTheSimulatedBoardThroughItsFaults) {
-  using tallyvane_sim::Options;
-  const std::string ok = "VERDICT ok bytes=";
-  const struct { const char* name; void (*faults)(Options&); std::size_t chunks, chokes, gulps; std::string verdict;
-                 bool replaced = false; std::size_t imageBytes = 1000; std::string boardVersion = "5"; } rows[] = {
-      {"clean", [](Options&) {}, 16, 0, 0, ok},
-      // Several checksum pieces, the sum carried across them.
-      {"large image", [](Options&) {}, 3125, 0, 0, ok, false, 200000},
-      {"the board's version", [](Options&) {}, 0, 0, 0, "", false, 1000, "7"},
-      {"no image, and the board's version unknown", [](Options&) {}, 0, 0, 0, "", false, 0, "garbage"},
-      {"split and coalesced frames", [](Options& o) { o.splitFrames = {5}, o.coalesceFrames = {6, 9}; }, 16, 0, 0, ok},
-      {"start mid-image", [](Options& o) { o.start = 600; }, 17, 0, 0, ok},  // up to the end, then from 0
-      {"report dropped", [](Options& o) { o.dropReports = {5}; }, 17, 0, 0, ok},
-      {"report corrupted", [](Options& o) { o.corruptFrames = {10}; }, 17, 15, 0, ok},
-      {"garbage before a report", [](Options& o) { o.garbageBefore = {10}; }, 17, 0, 1, ok},
-      {"acknowledgement corrupted", [](Options& o) { o.corruptFrames = {9}; }, 3, 9, 0, ""},
-      {"acknowledgement dropped", [](Options& o) { o.dropAckEvery = 5; }, 3, 0, 0, ""},
-      {"error mid-way", [](Options& o) { o.errorAfterChunks = 3; }, 3, 0, 0, ""},
-      {"image replaced after the check", [](Options&) {}, 16, 0, 0, "VERDICT bad-checksum bytes=1000", true},
+const ChunkCase kChunkCases[] = {
+    {"EndingAtTheEnd", 936, /*sent=*/1, ""},
+    {"RunningPastTheEnd", 960, /*sent=*/1, PastTheEnd(960, 40)},
+    {"AtTheEnd", 1000, /*sent=*/1, PastTheEnd(1000, 0)},
+    {"PastTheEnd", 1001, /*sent=*/0,
+     "Calculated chunk start of [1001] which is larger than the firmware file... aborting update.\n"},
+};
+INSTANTIATE_TEST_SUITE_P(Positions, AChunkPosition, testing::ValuesIn(kChunkCases), RowName<ChunkCase>);
+
+TEST_F(AnAnnouncedImage, IsRefusedWhenAFifoTakesItsPlace) {
+  const std::string path = dir / "tallyvane-7.bin";
+  std::filesystem::remove(path);
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_THAT(Lines(Stdout([&] { EXPECT_EQ(helper.SendFirmwareBlock(0), 0); })),
+              ElementsAre(Red("Firmware package [" + path + "] is not a regular file; not updating")));
+}
+
+TEST_F(AnAnnouncedImage, IsRefusedInADirectoryOthersMayWrite) {
+  chmod(dir.path().c_str(), 0703);
+  EXPECT_THAT(Lines(Stdout([&] { EXPECT_EQ(helper.SendFirmwareBlock(0), 0); })),
+              ElementsAre(Red("Firmware directory [" + dir.path() +
+                              "] is writable by group or others; not updating")));
+}
+
+// The concurrent mode's stall limit, on the fake clock: the board told about the image, asked for its first
+// chunk and silent from then on. Each wait for a report of the chunk lasts a second.
+class AConcurrentUpdate : public BoardHelperTest {};
+
+TEST_F(AConcurrentUpdate, GivesUpOnceTheBoardHasBeenSilentForTheStallLimit) {
+  setenv("QUORVEX_STALL_SECONDS", "2", 1);
+  dir.Write("tallyvane-7.bin", RandomBytes(1000, 5));
+  Tallyvane concurrent{dir / "no-device", clock, /*concurrent=*/true};
+  const auto feed = [&](const Bytes& frame) { concurrent.Receive(frame.data(), frame.size()); };
+  feed(Frame(UpdateInfo(0, 0, 64, 1)));
+  Stdout([&] { ASSERT_EQ(concurrent.CheckForUpdate(), 1); });
+  for (auto sequence : concurrent.PendingSequences()) feed(Frame(DatalinkPacketAck(sequence, true)));
+  feed(Frame(ReceivedFirmwareBlock(-1, 0)));
+  const auto sendInVain = [&] {  // whether the chunk was sent
+    int sent = 0;
+    Capture([&] {
+      sent = concurrent.SendFirmwareBlock(0);
+      if (sent) concurrent.WaitForAck(0);
+    });
+    return sent;
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    const auto image = RandomBytes(row.imageBytes, 9);
-    std::filesystem::remove(dir / "tallyvane-7.bin"), std::filesystem::remove(dir / "received.bin");
-    if (row.imageBytes) dir.Write("tallyvane-7.bin", image);
-    dir.Write("board-version", row.boardVersion);
-    Options options;
-    options.out = dir / "received.bin";
-    row.faults(options);
+  EXPECT_EQ(sendInVain(), 1);
+  EXPECT_EQ(sendInVain(), 1) << "silent for a second";
+  EXPECT_EQ(sendInVain(), 0) << "silent for two seconds";
+}
+
+// The helper against the board simulator (its faults named as on its command line), which answers whenever
+// the helper waits, driven as the machine drives it. The board judges the image by the announced length and
+// byte sum, and each chunk is read from the image as it is at that moment.
+const char* const kOk = "VERDICT ok bytes=[0-9]+ checksum=[0-9a-f]{4} version=7";
+const char* const kNone = "";
+struct BoardCase {
+  std::string name;
+  std::vector<std::string> simArgs;
+  std::size_t chunks;             // firmware blocks the board received; none when nothing was announced
+  std::string verdict;            // a pattern for the board's verdict
+  std::size_t imageBytes = 1000;  // of version 7, against the board's 5
+  std::size_t replacedBy = 0;     // bytes of another image written over it after the check; 0: none
+};
+void PrintTo(const BoardCase& row, std::ostream* os) { *os << row.name; }
+
+class AnUpdateOfTheSimulatedBoard : public BoardHelperTest, public testing::WithParamInterface<BoardCase> {
+ protected:
+  void SetUp() override {
+    std::vector<std::string> args = {
+        "tallyvane-sim",   "--uplink", dir / "uplink", "--downlink",        dir / "downlink",
+        "--board-version", "5",        "--out",        dir / "received.bin"};
+    args.insert(args.end(), GetParam().simArgs.begin(), GetParam().simArgs.end());
+    std::vector<char*> argv;
+    for (auto& arg : args) argv.push_back(arg.data());
+    tallyvane_sim::Options options;
+    bool help = false;
+    std::string error;
+    ASSERT_TRUE(
+        tallyvane_sim::ParseOptions(static_cast<int>(argv.size()), argv.data(), options, help, error));
+    dir.Write("board-version", std::to_string(options.boardVersion));
+    image = RandomBytes(GetParam().imageBytes, 9);
+    dir.Write("tallyvane-7.bin", image);
     int uplink[2];  // the board's frames, all read at once as the receive loop would
     ASSERT_EQ(pipe2(uplink, O_NONBLOCK | O_CLOEXEC), 0);
-    std::string said, verdict;
-    const tallyvane_sim::Say say = [&](const std::string& line) { (line.rfind("VERDICT", 0) ? said : verdict) += line; };
+    const tallyvane_sim::Say say = [&](const std::string& line) {
+      if (line.rfind("VERDICT", 0) == 0) verdict += line;
+      if (line.rfind("VERDICT", 0) != 0) said += line + "\n";
+    };
     tallyvane_sim::UplinkWriter writer(uplink[1], options, say);
-    tallyvane_sim::Board board(options, [&](Bytes p, auto delay, std::string what) { writer.Queue(p, delay, what); }, say);
-    Tallyvane host{dir / "no-device", clock};
+    tallyvane_sim::Board board(
+        options, [&](Bytes p, auto delay, std::string what) { writer.Queue(p, delay, what); }, say);
     Tallyvane::sentBlockCounter = 0;  // as in a process of its own
-    clock.onSleep = [&, start = clock.Slept()] {
-      if (clock.Slept() - start > 10h) throw std::runtime_error("the helper waits for ever");  // a fault that hangs the update
+    clock.onSleep = [&] {
+      if (clock.Slept() > 10h) throw std::runtime_error("the helper waits for ever");
       for (const auto& packet : Sent()) board.OnFrame(lc::kPacketChannel, packet);
       writer.Flush();
       Bytes got(1 << 16);
       got.resize(static_cast<std::size_t>(std::max<ssize_t>(0, read(uplink[0], got.data(), got.size()))));
-      host.Receive(got.data(), got.size());
+      helper.Receive(got.data(), got.size());
     };
-    const auto out = Capture([&] {  // as the machine drives it, up to the last chunk or a failure
-      try {
-        if (host.CheckForUpdate() != 1) return;
-        if (row.replaced) dir.Write("tallyvane-7.bin", RandomBytes(1000, 10));
-        for (int block = host.GetFirstUpdateBlock(); host.SendFirmwareBlock(block);)
-          if (host.WaitForAck(block) == 0 && (block = host.GetNextFirmwareBlock()) == -1) break;
-      } catch (const std::runtime_error& e) { ADD_FAILURE() << e.what(); }
-    }).out;
+    out = Stdout([&] { Update(); });
     clock.onSleep = nullptr;
-    close(uplink[0]), close(uplink[1]);
-    EXPECT_EQ(std::make_tuple(CountOf(said, "RX UpdateAvailable"), CountOf(said, "RX FirmwareBlock"), CountOf(out, "CHOKE\n"),
-                              CountOf(out, "GULP"), verdict.substr(0, row.verdict.size()), host.HaveUpdateFile()),
-              std::make_tuple(std::size_t{row.chunks > 0}, row.chunks, row.chokes, row.gulps, row.verdict, row.imageBytes > 0))
-        << verdict;
-    EXPECT_EQ(ReadFile(dir / "received.bin") == image && CountOf(verdict, " version=7"), row.verdict == ok);
+    close(uplink[0]);
+    close(uplink[1]);
   }
+  void Update() {  // up to the last chunk or a failure
+    try {
+      if (helper.CheckForUpdate() != 1) return;
+      if (GetParam().replacedBy > 0) dir.Write("tallyvane-7.bin", RandomBytes(GetParam().replacedBy, 10));
+      for (int block = helper.GetFirstUpdateBlock(); helper.SendFirmwareBlock(block);) {
+        if (helper.WaitForAck(block) != 0) continue;
+        block = helper.GetNextFirmwareBlock();
+        if (block == -1) break;
+      }
+    } catch (const std::runtime_error& e) {
+      ADD_FAILURE() << e.what();
+    }
+  }
+  std::string image, said, verdict, out;
+};
+
+TEST_P(AnUpdateOfTheSimulatedBoard, CostsWhatItsFaultsName) {
+  EXPECT_EQ(CountOf(said, "RX UpdateAvailable"), GetParam().chunks > 0 ? 1u : 0u);
+  EXPECT_EQ(CountOf(said, "RX FirmwareBlock"), GetParam().chunks);
 }
+
+TEST_P(AnUpdateOfTheSimulatedBoard, EndsWithTheBoardsVerdict) {
+  EXPECT_THAT(verdict, testing::MatchesRegex(GetParam().verdict));
+  EXPECT_EQ(ReadFile(dir / "received.bin") == image, GetParam().verdict == kOk);
+}
+
+// A lost or damaged acknowledgement strands the next chunk behind the unacknowledged one.
+const BoardCase kBoardCases[] = {
+    {"Clean", {}, /*chunks=*/16, kOk},
+    {"LargeImage", {}, /*chunks=*/3125, kOk, /*imageBytes=*/200000},
+    {"ImageOfTheBoardsVersion", {"--board-version", "7"}, /*chunks=*/0, kNone},
+    {"SplitAndCoalescedFrames", {"--split-frame", "5", "--coalesce-frame", "6,9"}, /*chunks=*/16, kOk},
+    {"StartMidImage", {"--start", "600"}, /*chunks=*/17, kOk},  // up to the end, then from 0
+    {"ReportDropped", {"--drop-reports", "5"}, /*chunks=*/17, kOk},
+    {"ReportCorrupted", {"--corrupt-frame", "10"}, /*chunks=*/17, kOk},
+    {"GarbageBeforeAReport", {"--garbage-before", "10"}, /*chunks=*/17, kOk},
+    {"AcknowledgementCorrupted", {"--corrupt-frame", "9"}, /*chunks=*/3, kNone},
+    {"AcknowledgementDropped", {"--drop-ack-every", "5"}, /*chunks=*/3, kNone},
+    {"ErrorMidWay", {"--error-after", "3"}, /*chunks=*/3, kNone},
+    {"ImageReplacedAfterTheCheck",
+     {},
+     /*chunks=*/16,
+     "VERDICT bad-checksum bytes=1000 .*",
+     /*imageBytes=*/1000,
+     /*replacedBy=*/1000},
+    {"ImageGrownAfterTheCheck",
+     {},
+     /*chunks=*/16,
+     "VERDICT bad-length bytes=1001 expected=1000",
+     /*imageBytes=*/1000,
+     /*replacedBy=*/1001},
+};
+INSTANTIATE_TEST_SUITE_P(Faults, AnUpdateOfTheSimulatedBoard, testing::ValuesIn(kBoardCases),
+                         RowName<BoardCase>);
 
 }  // namespace
