@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "temp_dir.hpp"  // ReadFile
 
@@ -13,6 +15,13 @@ inline std::size_t CountOf(const std::string& text, const std::string& needle) {
   std::size_t count = 0;
   for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
   return count;
+}
+// The lines of `text`, without their line ends, for comparing output line by line.
+inline std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
 }
 inline std::string RandomBytes(std::size_t n, unsigned seed) {
   std::mt19937 gen(seed);
