@@ -82,21 +82,20 @@ TEST_P(APacket, UnpacksItsDocumentedBytesIntoTheSameFields) {
   EXPECT_EQ(Packed(*got), GetParam().wire);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Classes, APacket,
-    ::testing::Values(
-        Case("RequestUpdateInfo", RequestUpdateInfo(), kWantsAck, {0x05, 0x10, 0x5A, 0xDF, 0xA0}),
-        Case("ApplyUpdate", ApplyUpdate(), kWantsAck, {0x05, 0x13, 0x5A, 0x8A, 0xF3}),
-        Case("ClearPendingUpdate", ClearPendingUpdate(), kWantsAck, {0x05, 0x14, 0x5A, 0x13, 0x64}),
-        Case("UpdateAvailable", UpdateAvailable(0xABCD, 0x1234, 0xDEADBEEF), kWantsAck, kUpdateAvailableWire),
-        Case("FirmwareBlock", FirmwareBlock(-5, {0, 0xAA, 0xA9}), kWantsAck, kFirmwareBlockWire),
-        Case("DatalinkPacketAck", DatalinkPacketAck(200, true), kNoAck,
-             {0x07, 0x03, 0x5A, 0xC8, 0x01, 0xFB, 0xD7}),
-        Case("UpdateInfo", UpdateInfo(0xFFFE, 0x80000001u, 0xC8, -3), kNoAck, kUpdateInfoWire),
-        Case("ReceivedFirmwareBlock", ReceivedFirmwareBlock(-1, 0x12345678u), kNoAck, kReceivedBlockWire),
-        Case("UpdateComplete", UpdateComplete(), kNoAck, {0x05, 0x23, 0x5A, 0x8F, 0x66}),
-        Case("UpdateError", UpdateError(), kNoAck, {0x05, 0x24, 0x5A, 0x16, 0xF1})),
-    RowName<PacketCase>);
+const PacketCase kPackets[] = {
+    Case("RequestUpdateInfo", RequestUpdateInfo(), kWantsAck, {0x05, 0x10, 0x5A, 0xDF, 0xA0}),
+    Case("ApplyUpdate", ApplyUpdate(), kWantsAck, {0x05, 0x13, 0x5A, 0x8A, 0xF3}),
+    Case("ClearPendingUpdate", ClearPendingUpdate(), kWantsAck, {0x05, 0x14, 0x5A, 0x13, 0x64}),
+    Case("UpdateAvailable", UpdateAvailable(0xABCD, 0x1234, 0xDEADBEEF), kWantsAck, kUpdateAvailableWire),
+    Case("FirmwareBlock", FirmwareBlock(-5, {0, 0xAA, 0xA9}), kWantsAck, kFirmwareBlockWire),
+    Case("DatalinkPacketAck", DatalinkPacketAck(200, true), kNoAck,
+         {0x07, 0x03, 0x5A, 0xC8, 0x01, 0xFB, 0xD7}),
+    Case("UpdateInfo", UpdateInfo(0xFFFE, 0x80000001u, 0xC8, -3), kNoAck, kUpdateInfoWire),
+    Case("ReceivedFirmwareBlock", ReceivedFirmwareBlock(-1, 0x12345678u), kNoAck, kReceivedBlockWire),
+    Case("UpdateComplete", UpdateComplete(), kNoAck, {0x05, 0x23, 0x5A, 0x8F, 0x66}),
+    Case("UpdateError", UpdateError(), kNoAck, {0x05, 0x24, 0x5A, 0x16, 0xF1}),
+};
+INSTANTIATE_TEST_SUITE_P(Classes, APacket, ::testing::ValuesIn(kPackets), RowName<PacketCase>);
 
 // The first failure in the documented order: what has not fully arrived is truncated, whatever
 // its length byte claims; the length before the type; the type before the check bytes.
@@ -304,6 +303,8 @@ const UnframeableSend kUnframeableSends[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Sends, ADownlinkGivenAnUnframeableSend, ::testing::ValuesIn(kUnframeableSends),
                          RowName<UnframeableSend>);
+
+TEST_F(ADownlink, RefusesToSendFromNoBuffer) { EXPECT_EQ(QelArmControl::Send_Dl_Us_Raw(5, nullptr, 3), 0); }
 
 TEST_F(ADownlink, SurvivesAReaderThatHasGone) {
   close(reader);

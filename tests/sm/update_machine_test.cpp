@@ -28,11 +28,10 @@ using Updater::Testing::Stdout;
 // Each call leaves a marker line ("> send 5") in the trace.
 struct ScriptedHelper : Updater::Helpers::UpdateHelper {
   int check = 1, first = 5;
-  bool haveFile = true;
   std::deque<int> sends, acks, nexts;  // when empty: 1, 3 and -1
 
   int CheckForUpdate() override { return Record("> check", check); }
-  bool HaveUpdateFile() override { return Record("> have file", haveFile); }
+  bool HaveUpdateFile() override { return Record("> have file", true); }
   int GetFirstUpdateBlock() override { return Record("> first", first); }
   int SendFirmwareBlock(int b) override { return Record("> send " + std::to_string(b), Pop(sends, 1)); }
   int WaitForAck(unsigned b) override { return Record("> wait " + std::to_string(b), Pop(acks, 3)); }
@@ -110,11 +109,6 @@ Entered: UpdateDone)";
 TEST_F(AnUpdateMachine, TakesAnyNonZeroCheckResultAsAnUpdate) {
   helper.check = -7;
   EXPECT_THAT(Run(), Contains("          Update needed, initiating..."));
-}
-
-TEST_F(AnUpdateMachine, GoesOnWithoutAnUpdateFile) {
-  helper.haveFile = false;
-  EXPECT_THAT(Run(), Contains("> first"));
 }
 
 // -1 is no error to the machine: it is sent like any other block.
