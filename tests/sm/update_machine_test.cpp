@@ -50,7 +50,7 @@ struct ScriptedHelper : Updater::Helpers::UpdateHelper {
   }
 };
 
-// Runs a whole update through the facade, as the program does.
+// The death tests run the whole update through the facade, as the program does.
 void RunMachine(ScriptedHelper& helper) {
   UpdateMachine machine;
   machine.SetHelper(&helper);
@@ -59,9 +59,11 @@ void RunMachine(ScriptedHelper& helper) {
 
 struct AnUpdateMachine : ::testing::Test {
   std::vector<std::string> Run() {
-    return Lines(Stdout([&] { RunMachine(helper); }));
+    LendHelper(machine, &helper);
+    return Lines(Stdout([&] { machine.start(); }));
   }
   ScriptedHelper helper;
+  updaterMSM machine;
 };
 
 TEST_F(AnUpdateMachine, EndsInUpdateDoneWhenNoUpdateIsNeeded) {
@@ -148,33 +150,23 @@ INSTANTIATE_TEST_SUITE_P(Statuses, AnUpdateMachineGivenAnUnknownStatus,
 
 // Events without a row are reported with the state's number and change nothing. The
 // helper's markers would show if anything more were asked of it.
-struct AnUpdateMachineAfterItsRun : ::testing::Test {
-  template <class Post>
-  std::string Posting(Post post) {
-    LendHelper(machine, &helper);
-    Stdout([&] { machine.start(); });
-    return Stdout([&] { post(); });
-  }
-  ScriptedHelper helper;
-  updaterMSM machine;
-};
-
-TEST_F(AnUpdateMachineAfterItsRun, ReportsABlockSentWhileWaitingForAnAck) {
+TEST_F(AnUpdateMachine, ReportsABlockSentWhileWaitingForAnAck) {
   helper.acks = {2};
-  EXPECT_EQ(Posting([&] { machine.get_state<Updating&>().process_event(block_sent{3}); }),
+  Run();
+  EXPECT_EQ(Stdout([&] { machine.get_state<Updating&>().process_event(block_sent{3}); }),
             "UpdaterSub_:: no transition from state 1 on event N7Updater2SM10block_sentE\n");
   EXPECT_EQ(machine.get_state<Updating&>().current_state()[0], 1);
 }
 
-TEST_F(AnUpdateMachineAfterItsRun, ReportsALastBlockAckOnceDone) {
-  EXPECT_EQ(Posting([&] { machine.process_event(last_block_ack{}); }),
+TEST_F(AnUpdateMachine, ReportsALastBlockAckOnceDone) {
+  Run();
+  EXPECT_EQ(Stdout([&] { machine.process_event(last_block_ack{}); }),
             "updaterMSM:: no transition from state 3 on event N7Updater2SM14last_block_ackE\n");
   EXPECT_EQ(machine.current_state()[0], 3);
 }
 
 // No run posts update_error from UpdateInit; the row is there all the same.
-TEST(AnUpdateMachineBeforeItsStart, EntersUpdateErrorOnAnUpdateError) {
-  updaterMSM machine;
+TEST_F(AnUpdateMachine, EntersUpdateErrorOnAnUpdateErrorBeforeItsStart) {
   EXPECT_EQ(Stdout([&] { machine.process_event(update_error{}); }),
             "Exited: UpdateInit\nEntered: UpdateError\n");
   EXPECT_EQ(machine.current_state()[0], 2);
