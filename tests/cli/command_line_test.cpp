@@ -45,12 +45,14 @@ TEST_P(AnInvalidTargetWord, IsNamedOnStderrAndEndsWithTheClosingLine) {
 }
 
 // Target words are compared exactly and case-sensitively.
-INSTANTIATE_TEST_SUITE_P(Words, AnInvalidTargetWord,
-                         ::testing::Values(InvalidWord{"CapitalCamera", "Camera"},
-                                           InvalidWord{"UpperCaseBoard", "TALLYVANE"},
-                                           InvalidWord{"CameraWithSuffix", "camera0"},
-                                           InvalidWord{"BoardWithTrailingBlank", "tallyvane "},
-                                           InvalidWord{"Empty", ""}),
+const InvalidWord kInvalidWords[] = {
+    {"CapitalCamera", "Camera"},
+    {"UpperCaseBoard", "TALLYVANE"},
+    {"CameraWithSuffix", "camera0"},
+    {"BoardWithTrailingBlank", "tallyvane "},
+    {"Empty", ""},
+};
+INSTANTIATE_TEST_SUITE_P(Words, AnInvalidTargetWord, ::testing::ValuesIn(kInvalidWords),
                          [](const auto& info) { return info.param.name; });
 
 }  // namespace

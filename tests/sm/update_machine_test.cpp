@@ -143,9 +143,12 @@ TEST_P(AnUpdateMachineGivenAnUnknownStatus, RestsSilentlyWhereItIs) {
   EXPECT_EQ(Run().back(), "> wait 5");
 }
 
-INSTANTIATE_TEST_SUITE_P(Statuses, AnUpdateMachineGivenAnUnknownStatus,
-                         ::testing::Values(UnknownStatus{"Two", 2}, UnknownStatus{"Four", 4},
-                                           UnknownStatus{"MinusOne", -1}),
+const UnknownStatus kUnknownStatuses[] = {
+    {"Two", 2},
+    {"Four", 4},
+    {"MinusOne", -1},
+};
+INSTANTIATE_TEST_SUITE_P(Statuses, AnUpdateMachineGivenAnUnknownStatus, ::testing::ValuesIn(kUnknownStatuses),
                          [](const auto& info) { return info.param.name; });
 
 // Events without a row are reported with the state's number and change nothing. The
