@@ -2,6 +2,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 
@@ -20,6 +21,7 @@ constexpr int kAckPolls = 10;
 constexpr auto kPollPause = std::chrono::milliseconds(200);
 constexpr std::int32_t kMaxGrowablePacket = 63;
 constexpr std::int32_t kLastBlockAcked = 3;
+constexpr auto kDefaultCallTimeout = std::chrono::seconds(25);  // sd-bus's
 
 void LogDbusError(const sdbus::Error& e) {
   std::cerr << "Dbus::Error: " << e.getMessage() << std::endl;
@@ -62,7 +64,14 @@ CamdDbusIface::~CamdDbusIface() { proxy_.reset(); }
 
 sdbus::IProxy& CamdDbusIface::Proxy() {
   if (!proxy_) {
-    if (!connection_) connection_ = Dbus::ConnectSessionBus();
+    if (!connection_) {
+      // Like a call: the library's default time-out, shortened by the deadline.
+      auto timeout = std::chrono::duration_cast<std::chrono::microseconds>(kDefaultCallTimeout);
+      if (deadline_)
+        timeout = std::min(
+            timeout, std::chrono::duration_cast<std::chrono::microseconds>(*deadline_ - clock_.Monotonic()));
+      connection_ = Dbus::ConnectSessionBus(std::max(timeout, std::chrono::microseconds(1)));
+    }
     proxy_ = sdbus::createProxy(*connection_, service_, path_);
   }
   return *proxy_;
@@ -192,6 +201,7 @@ int CamdDbusIface::WaitForAck() {
   std::cout << "camd waiting for ACK!" << std::endl;
   std::int32_t status = 1;
   bool lastBlockAcked = false;
+  ackFailed_ = false;
   for (int poll = 0; poll < kAckPolls; ++poll) {
     sdbus::MethodReply reply;
     try {
@@ -201,6 +211,7 @@ int CamdDbusIface::WaitForAck() {
       // already confirmed the whole image.
       std::cout << "Exception caught: " << e.what() << std::endl;
       status = lastBlockAcked ? kLastBlockAcked : 1;
+      ackFailed_ = true;
       break;
     }
     status = ReadFirst<std::int32_t>(reply, Method::WaitForAck);

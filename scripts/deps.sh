@@ -17,8 +17,9 @@ fwu_install_deps() {
     echo "Installing:$missing"
     export DEBIAN_FRONTEND=noninteractive
     # Other installs may be running on the same machine: wait for the lock.
-    apt-get -o DPkg::Lock::Timeout=600 update -qq &&
-      apt-get -o DPkg::Lock::Timeout=600 install -y -qq --no-install-recommends $missing >/dev/null
+    # A foreign index that fails to download makes update exit 100; the rest is still fresh.
+    apt-get -o DPkg::Lock::Timeout=600 update -qq || true
+    apt-get -o DPkg::Lock::Timeout=600 install -y -qq --no-install-recommends $missing >/dev/null
   else
     echo "Missing packages:$missing" >&2
     echo "Run: sudo apt-get install -y$missing" >&2

@@ -8,9 +8,10 @@
 namespace Updater::SM {
 
 void AssertionFailed(const char* function) {
-  // The same words and the same end as a failed assert(false).
-  std::fflush(stdout);
-  std::fprintf(stderr, "%s: %s:%d: %s: Assertion `false' failed.\n", program_invocation_short_name,
+  // The same words and the same end as a failed assert(false). Nothing can
+  // be done about a console that fails on the way to abort().
+  (void)std::fflush(stdout);
+  (void)std::fprintf(stderr, "%s: %s:%d: %s: Assertion `false' failed.\n", program_invocation_short_name,
                __FILE__, __LINE__, function);
   std::abort();
 }

@@ -1,7 +1,5 @@
 #include "helpers/camera/vyr_camera.hpp"
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,6 +15,7 @@
 #include "common/log.hpp"
 #include "common/stall_limit.hpp"
 #include "dbus/camd_methods.hpp"
+#include "helpers/camera/camera_lock.hpp"
 #include "vyrcam/libvyrcam.hpp"
 
 namespace Updater::Helpers {
@@ -25,7 +24,6 @@ namespace {
 
 constexpr int kUpdateInfoPolls = 102;
 constexpr auto kUpdateInfoPause = std::chrono::milliseconds(100);
-constexpr const char* kDefaultLockDir = "/run/lock";
 // A unit's start time-out is stretched by this much past the stall limit
 // with every progress line, so that only a transfer the limit would end runs into it.
 constexpr auto kProgressMargin = std::chrono::seconds(30);
@@ -35,35 +33,14 @@ std::int32_t ProtocolSize(std::uint64_t bytes) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(bytes));
 }
 
-// The index text as typed can hold anything; the lock file name keeps
-// letters, digits, '-' and '_' and writes every other byte as %XX, so two
-// indexes never share a lock and none can reach outside the lock directory.
-std::string LockPath(const std::string& cameraIndex) {
-  const char* dir = std::getenv("QUORVEX_LOCK_DIR");
-  std::string path = (dir != nullptr && *dir != '\0') ? dir : kDefaultLockDir;
-  path += "/firmware-updater-camera-";
-  static const char kHex[] = "0123456789ABCDEF";
-  for (const unsigned char c : cameraIndex) {
-    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_') {
-      path += static_cast<char>(c);
-    } else {
-      path += '%';
-      path += kHex[c >> 4];
-      path += kHex[c & 0xF];
-    }
-  }
-  return path + ".lock";
-}
-
 }  // namespace
 
 VyrCamera::VyrCamera(std::string cameraIndex, Clock& clock)
     : cameraIndex_(std::move(cameraIndex)),
       clock_(clock),
-      stallLimit_(StallLimitFromEnvironment()),
-      lastProgress_(clock.Monotonic()),
+      stall_(StallLimitFromEnvironment(), clock),
       progress_("camera " + cameraIndex_, clock,
-                stallLimit_.value_or(kDefaultStallLimit) + kProgressMargin) {
+                stall_.Limit().value_or(kDefaultStallLimit) + kProgressMargin) {
   Dbus::Initialize();
   camdProxy = CamdDbusIface::create(Camd::kService, Camd::ObjectPath(cameraIndex_), Camd::kInterface, clock_);
 }
@@ -74,36 +51,21 @@ VyrCamera::~VyrCamera() {
   if (lockFd_ >= 0) close(lockFd_);
 }
 
-bool VyrCamera::TakeLock() {
-  if (lockFd_ >= 0) return true;
-  const std::string path = LockPath(cameraIndex_);
-  const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
-  if (fd < 0) {
-    Log::Error("Cannot open the lock file [", path, "]: ", std::strerror(errno), "; not updating");
-    return false;
-  }
-  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    std::cerr << "Waiting for another update of camera [" << cameraIndex_ << "] to finish" << std::endl;
-    int locked;
-    while ((locked = flock(fd, LOCK_EX)) != 0 && errno == EINTR) {
-    }
-    if (locked != 0) {
-      Log::Error("Cannot lock [", path, "]: ", std::strerror(errno), "; not updating");
-      close(fd);
-      return false;
-    }
-  }
-  lockFd_ = fd;
-  return true;
+bool VyrCamera::TakeLock(std::optional<Clock::steady_point> deadline) {
+  if (lockFd_ < 0) lockFd_ = TakeCameraLock(cameraIndex_, clock_, deadline);
+  return lockFd_ >= 0;
 }
 
 int VyrCamera::CheckForUpdate() {
-  if (!TakeLock()) return false;
-  // Counted from here: waiting for another run of this camera is no stall.
-  if (stallLimit_) camdProxy->SetDeadline(clock_.Monotonic() + *stallLimit_);
+  // Waiting for another run of this camera counts against the limit too: a
+  // lock held by a run that never ends must not hold this one for ever.
+  std::optional<Clock::steady_point> deadline;
+  if (stall_.Limit()) deadline = clock_.Monotonic() + *stall_.Limit();
+  if (!TakeLock(deadline)) return false;
+  camdProxy->SetDeadline(deadline);
   const int update = CheckWithCamd();
   camdProxy->SetDeadline(std::nullopt);
-  lastProgress_ = clock_.Monotonic();
+  stall_.Progressed();
   return update;
 }
 
@@ -137,10 +99,9 @@ int VyrCamera::CheckWithCamd() {
   if (fileVersion <= *cameraVersion) return false;
 
   // Unopenable image: report an update anyway and let the block reads stop it.
-  image_.close();
-  image_.clear();
-  image_.open(firmwarePath, std::ios::binary);
-  if (!image_.is_open()) return true;
+  const Image::Opened opened = image_.Open(firmwarePath);
+  if (opened == Image::Opened::Refused) return false;
+  if (opened == Image::Opened::Missing) return true;
   const auto bytes = static_cast<std::uint64_t>(Image::Length(image_));
   if (bytes > static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max())) {
     Log::Error("Firmware image [", firmwarePath, "] is ", std::to_string(bytes),
@@ -160,7 +121,14 @@ int VyrCamera::CheckWithCamd() {
   // The size twice is what the line has always shown; no chunk count is worked out.
   std::cout << "This file [" << size << "] contains [" << size << "] chunks of ["
             << camdProxy->packetSize << "]" << std::endl;
-  camdProxy->SendUpdateAvailable(fileVersion, static_cast<int>(checksum), size);
+  // Without the announcement camd would file the chunks under whatever it was
+  // told before, perhaps another image's version and checksum.
+  if (!camdProxy->SendUpdateAvailable(fileVersion, static_cast<int>(checksum), size)) {
+    Log::Error("camd did not take the announcement of version ", std::to_string(fileVersion), " ([",
+               std::to_string(size), "] bytes, checksum ", std::to_string(checksum), "); not updating");
+    image_.close();
+    return false;
+  }
   imageSize_ = size;  // progress
   return true;
 }
@@ -173,17 +141,8 @@ bool VyrCamera::HaveUpdateFile() {
 
 int VyrCamera::GetFirstUpdateBlock() { return camdProxy->GetFirstUpdateBlock(); }
 
-bool VyrCamera::Stalled(int block) {
-  if (!stallLimit_) return false;
-  const auto idle = clock_.Monotonic() - lastProgress_;
-  if (idle < *stallLimit_) return false;
-  Log::Error("No progress for ", std::to_string(std::chrono::duration_cast<std::chrono::seconds>(idle).count()),
-             " s, at block [", std::to_string(block), "]; giving up the update");
-  return true;
-}
-
 int VyrCamera::SendFirmwareBlock(int block) {
-  if (Stalled(block)) return false;
+  if (stall_.GivenUp(block)) return false;
   blockSize = camdProxy->packetSize;
   if (blockSize < 1) {
     std::cerr << "Invalid chunk size from camd: [" << blockSize << "], "
@@ -207,12 +166,19 @@ int VyrCamera::SendFirmwareBlock(int block) {
 
 int VyrCamera::WaitForAck(unsigned /*block*/) {
   const int status = camdProxy->WaitForAck();
+  if (status != 0 && status != 3) {
+    // A loss has had its ten polls; an error answer comes at once, and a camd
+    // that only errs would otherwise be asked again without a pause.
+    if (camdProxy->AckFailed()) stall_.Idle();
+    return status;
+  }
   // 0 and 3 both mean camd kept the chunk just sent. An empty chunk moves
   // nothing forward, however often it is acknowledged.
-  if (status != 0 && status != 3) return status;
   if (sentBytes_ > 0 && sentBlock_ + sentBytes_ > ackedEnd_) {
     ackedEnd_ = sentBlock_ + sentBytes_;
-    lastProgress_ = clock_.Monotonic();
+    stall_.Progressed();
+  } else if (status == 0) {
+    stall_.Idle();
   }
   progress_.Report(ackedEnd_, imageSize_);
   return status;

@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 
 #include "common/image_file.hpp"
@@ -77,10 +76,6 @@ namespace {
 // with every progress line, so that only a transfer the limit would end runs into it.
 constexpr auto kProgressMargin = std::chrono::seconds(30);
 constexpr const char* kConcurrentMode = "concurrent";
-// Acknowledgements without progress: paused 200 ms, doubling up to 3.2 s;
-// the eighth in a row gives the update up.
-constexpr auto kIdlePause = std::chrono::milliseconds(200);
-constexpr int kIdlePauseDoublings = 4;
 }  // namespace
 
 Tallyvane::Tallyvane(std::string devicePath, Updater::Clock& clock, bool concurrent)
@@ -88,9 +83,8 @@ Tallyvane::Tallyvane(std::string devicePath, Updater::Clock& clock, bool concurr
       clock(clock),
       concurrent_(concurrent),
       stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      stallLimit_(concurrent ? StallLimitFromEnvironment() : std::nullopt),
-      lastProgress_(clock.Monotonic()),
-      progress_("board", clock, stallLimit_.value_or(kDefaultStallLimit) + kProgressMargin) {}
+      stall_(concurrent ? StallLimitFromEnvironment() : std::nullopt, clock),
+      progress_("board", clock, stall_.Limit().value_or(kDefaultStallLimit) + kProgressMargin) {}
 
 Tallyvane::~Tallyvane() {
   StopReaderThread();
@@ -617,20 +611,19 @@ int Tallyvane::CheckForUpdate() {
     return 0;
   }
 
-  std::ifstream image;
+  Image::File image;
   if (!ReadPackage(image)) return 0;
   Announce();
   return 1;
 }
 
-bool Tallyvane::ReadPackage(std::ifstream& image) {
+bool Tallyvane::ReadPackage(Image::File& image) {
   const auto package = lc::QelArmControl::FilesystemFirmwarePackage(0);
   packageVersion = package.first;
   firmwarePath = package.second;
   if (packageVersion <= lc::QelArmControl::TallyvaneFirmwareVer()) return false;
 
-  image.open(firmwarePath, std::ios::binary);
-  if (!image.is_open()) return false;
+  if (image.Open(firmwarePath) != Image::Opened::Yes) return false;
   const std::streamoff length = Image::Length(image);
 
   // Summed piece by piece: the same result as summing the whole image at
@@ -679,8 +672,8 @@ int Tallyvane::SendFirmwareBlock(int position) {
 
   // Opened afresh per chunk: the image may be replaced between updates and
   // a long-lived handle would keep reading the old one.
-  std::ifstream image(firmwarePath, std::ios::binary);
-  if (!image.is_open()) return 0;
+  Image::File image;
+  if (image.Open(firmwarePath) != Image::Opened::Yes) return 0;
   const std::streamoff length = Image::Length(image);
   std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
 
@@ -711,20 +704,6 @@ bool Tallyvane::AwaitLink(std::chrono::nanoseconds timeout, const std::function<
     ResendExpired();  // a lost acknowledgement costs ackTimeoutMs, not the update
     lock.lock();
   }
-}
-
-std::chrono::nanoseconds Tallyvane::StallTimeLeft() {
-  if (!stallLimit_) return std::chrono::hours(24 * 365);
-  return std::max<std::chrono::nanoseconds>(std::chrono::nanoseconds::zero(),
-                                            lastProgress_ + *stallLimit_ - clock.Monotonic());
-}
-
-bool Tallyvane::Stalled(int position) {
-  const auto idle = clock.Monotonic() - lastProgress_;
-  if (idleAcks_ < kIdleAckRounds && (!stallLimit_ || idle < *stallLimit_)) return false;
-  Log::Error("No progress for ", std::to_string(std::chrono::duration_cast<std::chrono::seconds>(idle).count()),
-             " s, at block [", std::to_string(position), "]; giving up the update");
-  return true;
 }
 
 bool Tallyvane::CompletedAndApplied() const {
@@ -759,7 +738,7 @@ int Tallyvane::CheckForUpdateConcurrent() {
   }
   errorsAtSend_ = updateErrors_;
   Announce();
-  lastProgress_ = clock.Monotonic();  // the stall limit counts from the announcement
+  stall_.Progressed();  // the stall limit counts from the announcement
   return 1;
 }
 
@@ -773,9 +752,9 @@ int Tallyvane::FirstPositionConcurrent() {
   // The board answers the announcement with its first position. When that
   // answer is lost, the announcement goes out again.
   const auto refused = [this] { return updateErrors_ != errorsAtSend_; };
-  while (!AwaitLink(std::min<std::chrono::nanoseconds>(kReportTimeout, StallTimeLeft()),
+  while (!AwaitLink(std::min<std::chrono::nanoseconds>(kReportTimeout, stall_.TimeLeft()),
                     [&] { return nextBlock != -1 || refused(); })) {
-    if (StallTimeLeft() <= std::chrono::nanoseconds::zero()) return -1;  // the send refuses it
+    if (stall_.TimeLeft() <= std::chrono::nanoseconds::zero()) return -1;  // the send refuses it
     if (PendingCount() == 0) Announce();
   }
   if (refused()) {
@@ -787,12 +766,12 @@ int Tallyvane::FirstPositionConcurrent() {
 }
 
 int Tallyvane::SendFirmwareBlockConcurrent(int position) {
-  if (Stalled(position)) return 0;
+  if (stall_.GivenUp(position)) return 0;
   if (position < 0 || packetSize < 1 || !image_.is_open()) return 0;
   // One packet awaiting its acknowledgement on the wire at a time: the
   // previous chunk's must be in (or it goes out again) before this one leaves.
-  if (!AwaitLink(StallTimeLeft(), [this] { return PendingCount() == 0; })) {
-    Stalled(position);
+  if (!AwaitLink(stall_.TimeLeft(), [this] { return PendingCount() == 0; })) {
+    stall_.GivenUp(position);
     return 0;
   }
   std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
@@ -813,7 +792,7 @@ bool Tallyvane::NoteProgress() {
   const std::int64_t from = ((sentPosition_ - firstPosition_) % imageSize_ + imageSize_) % imageSize_;
   if (from + sentBytes_ <= traversed_) return false;
   traversed_ = from + sentBytes_;
-  lastProgress_ = clock.Monotonic();
+  stall_.Progressed();
   return true;
 }
 
@@ -822,7 +801,7 @@ int Tallyvane::WaitForAckConcurrent() {
   // A report of the very bytes sent that names a next position; the one
   // naming none is followed by UpdateComplete, which is waited for.
   const auto reported = [this] { return lastAckedBlock == lastSentBlock && nextBlock != -1; };
-  AwaitLink(std::min<std::chrono::nanoseconds>(kReportTimeout, StallTimeLeft()),
+  AwaitLink(std::min<std::chrono::nanoseconds>(kReportTimeout, stall_.TimeLeft()),
             [&] { return errorReported() || CompletedAndApplied() || reported(); });
 
   if (CompletedAndApplied()) {
@@ -845,11 +824,7 @@ int Tallyvane::WaitForAckConcurrent() {
     // A board that acknowledges without moving forward (an empty chunk, the
     // same bytes again) is answered ever more slowly, and after a few such
     // rounds the update is given up: it costs seconds, not the stall limit.
-    if (NoteProgress()) {
-      idleAcks_ = 0;
-    } else if (++idleAcks_ < kIdleAckRounds) {
-      clock.Sleep(kIdlePause * (1 << std::min(idleAcks_ - 1, kIdlePauseDoublings)));
-    }
+    if (!NoteProgress()) stall_.Idle();
     progress_.Report(std::min(imageSize_, firstPosition_ + traversed_), imageSize_);
     return AfterAckWait(0);
   }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +13,7 @@
 #include <mutex>
 #include <vector>
 
+#include "common/log.hpp"
 #include "firmware_dir.hpp"
 #include "lc/downlink_frame.hpp"
 
@@ -81,6 +83,18 @@ class SigpipeGuard {
   bool raised_ = false;
 };
 
+// Whether what `fd` was opened on is of the kind `wanted` names; a red error
+// naming `subject` and `path` when it is not.
+bool IsKind(int fd, bool (*wanted)(mode_t), const char* subject, const std::string& path, const char* what) {
+  struct stat st {};
+  if (fstat(fd, &st) == 0 && wanted(st.st_mode)) return true;
+  Updater::Log::Error(subject, " [", path, "] is not ", what);
+  return false;
+}
+
+bool DeviceOrFifo(mode_t mode) { return S_ISCHR(mode) || S_ISFIFO(mode); }
+bool RegularFile(mode_t mode) { return S_ISREG(mode); }
+
 }  // namespace
 
 std::size_t WriteWithin(int fd, const std::uint8_t* data, std::size_t size, std::chrono::milliseconds limit) {
@@ -139,9 +153,14 @@ int QelArmControl::Send_Dl_Us_Raw(int channel, const std::uint8_t* bytes, std::s
   if (link.fd < 0) {
     // Non-blocking: a FIFO without a reader fails with ENXIO at once instead
     // of waiting for one.
-    link.fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    link.fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (link.fd < 0) return 0;
     link.path = path;
+    // A plain file there would swallow every frame and never answer.
+    if (!IsKind(link.fd, DeviceOrFifo, "The board downlink", path, "a character device or FIFO")) {
+      link.Close();
+      return 0;
+    }
   }
 
   SigpipeGuard guard;
@@ -159,8 +178,12 @@ int QelArmControl::Send_Dl_Us_Raw(int channel, const std::uint8_t* bytes, std::s
 int QelArmControl::TallyvaneFirmwareVer() {
   const std::string path = FirmwareVersionFilePath();
   // Non-blocking so that a FIFO or a stuck device in its place cannot hang us.
-  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (fd < 0) return -1;
+  if (!IsKind(fd, RegularFile, "The board version file", path, "a regular file")) {
+    close(fd);
+    return -1;
+  }
   char text[64];
   std::size_t used = 0;
   while (used < sizeof text) {

@@ -87,6 +87,12 @@ Faults (RANGES are 1-based call numbers of that method: 3 | 3-12 | 20- | 1,4-6):
   --ack-status=RANGES:S  these WaitForAck calls answer status S
   --fail-send=RANGES     these SendFirmwareBlock calls answer false
   --negative-next=RANGES these GetNextFirmwareBlock calls answer -1
+  --next=RANGES:POS      these GetNextFirmwareBlock calls answer position POS
+  --refuse-announcement  SendUpdateAvailable answers false and keeps nothing
+  --restart-at=N         the N-th WaitForAck call finds the update forgotten, as
+                         a restarted camd would: chunks are then acknowledged
+                         with 0, the next position follows them to the end of
+                         the image and stays there, and the image never completes
   --error=METHOD[@RANGES]       answer with a D-Bus error (METHOD may be "all")
   --wrong-type=METHOD    answer every call with the other type (b for i, i for b)
   --slow=METHOD:MS       hold every reply of METHOD for MS milliseconds
@@ -108,6 +114,10 @@ std::optional<Options> ParseOptions(const std::vector<std::string>& args, std::s
       }
       if (arg == "--quiet") {
         options.quiet = true;
+        continue;
+      }
+      if (arg == "--refuse-announcement") {
+        options.refuseAnnouncement = true;
         continue;
       }
       const auto eq = arg.find('=');
@@ -144,6 +154,13 @@ std::optional<Options> ParseOptions(const std::vector<std::string>& args, std::s
                                          static_cast<int>(ToLong(value.substr(colon + 1))));
       } else if (name == "fail-send") {
         options.failedSends = Ranges::Parse(value);
+      } else if (name == "next") {
+        const auto colon = value.rfind(':');
+        if (colon == std::string::npos) throw std::invalid_argument("--next needs RANGES:POS");
+        options.nextPositions.emplace_back(Ranges::Parse(value.substr(0, colon)),
+                                           static_cast<int>(ToLong(value.substr(colon + 1))));
+      } else if (name == "restart-at") {
+        options.restartAtAck = ToLong(value);
       } else if (name == "negative-next") {
         options.negativeNext = Ranges::Parse(value);
       } else if (name == "error") {
@@ -186,6 +203,7 @@ bool Camera::UpdateInfoReceived() {
 }
 
 bool Camera::SendUpdateAvailable(int version, int checksum, int length) {
+  if (options_.refuseAnnouncement) return false;
   announcedVersion_ = version;
   announcedCrc_ = checksum;
   announcedLength_ = length;
@@ -217,6 +235,7 @@ bool Camera::SendFirmwareBlock(int position, std::vector<std::uint8_t> data) {
 
 int Camera::WaitForAck() {
   ++ackCalls_;
+  if (ackCalls_ == options_.restartAtAck) ClearPendingUpdate();
   // Once complete the camera keeps saying so: the updater polls on after
   // any status but 0.
   if (done_) return 3;
@@ -249,6 +268,8 @@ int Camera::WaitForAck() {
 int Camera::GetNextFirmwareBlock() {
   ++nextCalls_;
   if (options_.negativeNext.Contains(nextCalls_)) return -1;
+  for (const auto& [calls, position] : options_.nextPositions)
+    if (calls.Contains(nextCalls_)) return position;
   return nextPosition_;
 }
 

@@ -49,6 +49,9 @@ struct Options {
   std::vector<std::pair<Ranges, int>> ackStatuses;  // WaitForAck calls answering a given status
   Ranges failedSends;            // SendFirmwareBlock calls answering false
   Ranges negativeNext;           // GetNextFirmwareBlock calls answering -1
+  std::vector<std::pair<Ranges, int>> nextPositions;  // GetNextFirmwareBlock calls answering a given position
+  bool refuseAnnouncement = false;                    // SendUpdateAvailable answers false and keeps nothing
+  long restartAtAck = 0;  // >0: on this WaitForAck call the update is forgotten, as after a restart
   std::vector<MethodFault> errors;      // D-Bus error replies
   std::vector<std::string> wrongTypes;  // methods answering with the other type
   std::map<std::string, int> slowMs;    // reply delay per method

@@ -15,7 +15,7 @@ constexpr unsigned kDuplicateDelayMs = 20;
 
 std::string Hex4(unsigned value) {
   char text[8];
-  std::snprintf(text, sizeof text, "%04x", value & 0xFFFFu);
+  (void)std::snprintf(text, sizeof text, "%04x", value & 0xFFFFu);  // four digits always fit
   return text;
 }
 

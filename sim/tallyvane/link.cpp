@@ -15,7 +15,6 @@ namespace {
 constexpr std::chrono::milliseconds kHoldLimit{500};
 // How long a write waits for the updater to make room in the pipe.
 constexpr std::chrono::milliseconds kWriteLimit{1000};
-const Bytes kGarbage{0x55, 0x00, 0xAA, 0x13};
 }  // namespace
 
 // ---- DownlinkParser ---------------------------------------------------------
@@ -123,7 +122,7 @@ void UplinkWriter::WriteFrame(Pending pending) {
       WriteAll(held_);
       held_.clear();
     }
-    WriteAll(kGarbage);
+    WriteAll(Bytes{0x55, 0x00, 0xAA, 0x13});  // no sync bytes at the front
   }
   const bool split = options_.splitFrames.count(n) != 0;
   const bool coalesce = options_.coalesceFrames.count(n) != 0;

@@ -208,7 +208,8 @@ bool ParseOptions(int argc, char** argv, Options& o, bool& help, std::string& er
       value = argv[++i];
     }
     if (!handler->second(value)) {
-      error = "bad value for " + name + ": " + value;
+      error = "bad value for ";
+      error.append(name).append(": ").append(value);
       return false;
     }
   }

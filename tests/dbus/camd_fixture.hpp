@@ -1,6 +1,11 @@
 // Base for tests that talk to camd-sim: a private bus per suite, a simulator and firmware directory per test.
 #pragma once
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <boost/crc.hpp>
@@ -47,11 +52,22 @@ struct CamdBusTest : ::testing::Test {
     return fw_.Write("camera-region0-" + std::to_string(version) + ".bin", bytes);
   }
   std::string OutPath() const { return fw_ / "received.bin"; }
+  // Camera 0's lock, taken by a descriptor of the test's until ReleaseLock().
+  void HoldLock(uid_t owner = 0) {
+    held_ = open((fw_ / "firmware-updater-camera-0.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    EXPECT_EQ(fchown(held_, owner, owner), 0);
+    EXPECT_EQ(flock(held_, LOCK_EX), 0);
+  }
+  void ReleaseLock() {
+    if (held_ >= 0) close(held_);
+    held_ = -1;
+  }
 
   static inline std::unique_ptr<PrivateBus> bus_;
   const TempDir fw_;  // outlives the simulator, which may write into it
   std::unique_ptr<ChildProcess> sim_;
   FakeClock clock_;
+  int held_ = -1;
 };
 
 }  // namespace Updater::Testing

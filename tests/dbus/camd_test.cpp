@@ -86,7 +86,14 @@ TEST_F(CamdBusTest, UnreachableCamdFailsEveryCallAfterFiveTries) {
       {"0", "", "The name com.quorvex.common.Camd1 was not provided", 0, "0"},
       {"a-b ü", "", "Invalid object path '/com/quorvex/common/Camd1/Cameraa-b ü'", 15, "a-b%20%C3%BC"},
       {"0", "unix:path=/nonexistent/bus", "Failed to open bus (No such file or directory) at [unix:path=/nonexistent/bus]", 15, "0"},
+      // The longest plain name NAME_MAX allows; one too long for a file name, cut short with the FNV-1a hash
+      // of the whole index.
+      {std::string(226, 'b'), "", "The name com.quorvex.common.Camd1 was not", 0, std::string(226, 'b')},
+      {std::string(300, 'a'), "", "The name com.quorvex.common.Camd1 was not", 0,
+       std::string(209, 'a') + "+EE7717EBA7A17E21"},
   };
+  // Readable by others, as an older run may have left it: whoever can open it can lock it.
+  std::filesystem::permissions(fw_.Write("firmware-updater-camera-0.lock"), std::filesystem::perms(0644));
   const std::string bus = std::getenv("DBUS_SESSION_BUS_ADDRESS");
   for (const auto& row : rows) {
     SCOPED_TRACE(row.error);
@@ -104,7 +111,8 @@ TEST_F(CamdBusTest, UnreachableCamdFailsEveryCallAfterFiveTries) {
     EXPECT_EQ(CountOf(err, "Dbus::Error: "), row.noReplyErrors) << err;
     EXPECT_THAT(Capture([&] { EXPECT_EQ(camera.CheckForUpdate(), 0); }).err,  // as with camd absent
                 ::testing::HasSubstr("Error asking camd for update info status, not updating\n"));
-    EXPECT_TRUE(std::filesystem::exists(fw_ / ("firmware-updater-camera-" + row.lock + ".lock")));
+    EXPECT_EQ(std::filesystem::status(fw_ / ("firmware-updater-camera-" + row.lock + ".lock")).permissions(),
+              std::filesystem::perms(0600));
     setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
   }
 }
@@ -133,7 +141,7 @@ TEST_F(CamdBusTest, AckWaitAdaptsThePacketSize) {
     camd.SendUpdateAvailable(2, 0, 1000);
     camd.SendFirmwareBlock(0, std::vector<unsigned char>(64, 1));  // something to acknowledge
     int status = -1;
-    const auto run = Capture([&] { status = camera.WaitForAck(0); });
+    const auto run = Capture([&] { status = camd.WaitForAck(); });
     camd.GetFlashRegion();  // answered, so camd has handled any DequeuePacket sent before it
     EXPECT_EQ(std::make_tuple(run.out, run.err, status, camd.packetSize, SimCalls("WaitForAck"), SimCalls("DequeuePacket")),
               std::make_tuple("camd waiting for ACK!\n" + row.out, row.err, row.status, row.end, row.polls, row.dequeues));
@@ -143,12 +151,16 @@ TEST_F(CamdBusTest, AckWaitAdaptsThePacketSize) {
 
 // What the update check decides and announces, the first block, and the stall limit on the check and on the block loop.
 TEST_F(CamdBusTest, UpdateCheckFirstBlockAndStallLimit) {
+  static constexpr const char* package = "camera-region0-2.bin";
+  static constexpr const char* lock = "firmware-updater-camera-0.lock";
   ASSERT_EQ(ReferenceCrc("123456789"), "29b1");  // the catalogue check value
   const auto large = RandomBytes(3 * 65536 + 1234, 42);  // several checksum pieces, ending mid-piece
   const std::string red = "\033[0;31mfw-updater Debug: [ERROR] -- ", reset = "\033[0m\n";
+  const std::string gaveUp = " s, at block [0]; giving up the update" + reset;
   // out: found on standard output or error; sends: of a block loop after the check, when any; images past the large one are sparse
   const struct { std::vector<std::string> sim; std::uintmax_t imageBytes; const char* stallSeconds; int update; std::string out;
-                 std::size_t infoPolls; int sends; std::chrono::milliseconds slept; int first = 0; std::size_t firstCalls = 1; } rows[] = {
+                 std::size_t infoPolls; int sends; std::chrono::milliseconds slept; int first = 0;
+                 std::size_t firstCalls = 1; void (*tamper)(CamdBusTest&) = nullptr; } rows[] = {
       // Not newer; older, a real -1. Asked twice: the comparison uses the first answer, the log the second.
       {{"--version=2"}, 100, nullptr, 0, "Asking camd for firmware version\nFile version: 2\nAsking camd for firmware version\n"
        "Cam version: 2\n", 1, 0, 0s},
@@ -160,26 +172,52 @@ TEST_F(CamdBusTest, UpdateCheckFirstBlockAndStallLimit) {
       {{"--info-false=101"}, large.size(), nullptr, 1, "\nChecksum:" + ReferenceCrc(large) +
        "\nThis file [304d2] contains [304d2] chunks of [40]\n", 102, 0, 101 * 100ms},
       {{"--info-false=forever"}, 100, "5", 0, "Error asking camd for update info status, not updating\n", 50, 0, 5s},  // 50 polls
-      // Every chunk lost: three rounds of ten polls (2 s each) pass a 5 s limit.
-      {{"--loss-rate=1"}, 1000, "5", 1, red + "No progress for 6 s, at block [0]; giving up the update" + reset, 1, 3, 6s},
+      // Every chunk lost: two rounds of ten polls (2 s each) reach a 4 s limit, which ends the loop then.
+      {{"--loss-rate=1"}, 1000, "4", 1, red + "No progress for 4" + gaveUp, 1, 2, 4s},
+      // No limit: the same chunk acknowledged again and again, or error answers, are paced 0.2 s doubling
+      // up to 3.2 s, and the eighth such round ends the loop.
+      {{}, 1000, "0", 1, red + "No progress for 12" + gaveUp, 1, 9, 12600ms},
+      {{"--error=WaitForAck"}, 1000, "0", 1, red + "No progress for 12" + gaveUp, 1, 8, 12600ms},
       // Not yet: ten polls, 200 ms apart. An error on the third poll ends them with the last answer, and no retry.
       {{"--first=-1"}, 100, nullptr, 1, "Checksum:", 1, 0, 2s, -1, 10},
       {{"--first=-1", "--error=GetFirstUpdateBlock@3"}, 100, nullptr, 1, "Dbus::Error: injected failure of GetFirstUpdateBlock\n",
        1, 0, 400ms, -1, 3},
+      // Another run holds the lock: the wait ends when it reaches the stall limit, not later. <dir>: the
+      // firmware and lock directory. What another user could have written is refused at once.
+      {{}, 100, "5", 0, red + "Another update of camera [0] has held the lock for 5 s; not updating",
+       0, 0, 5s, 0, 1, [](CamdBusTest& t) { t.HoldLock(); }},
+      {{}, 100, "5", 0, red + "Lock file [<dir>/" + lock + "] is owned by user 65534; not updating",
+       0, 0, 0s, 0, 1, [](CamdBusTest& t) { t.HoldLock(65534); }},
+      {{}, 100, nullptr, 0, red + "Lock directory [<dir>] is writable by group or others; not updating",
+       0, 0, 0s, 0, 1, [](CamdBusTest& t) { chmod(t.fw_.path().c_str(), 0770); }},
+      {{}, 100, nullptr, 0, red + "Lock file [<dir>/" + lock + "] is not a regular file; not updating",
+       0, 0, 0s, 0, 1, [](CamdBusTest& t) { mkfifo((t.fw_ / lock).c_str(), 0600); }},
+      {{}, 100, nullptr, 0, red + "Firmware package [<dir>/" + package + "] is writable by group or others",
+       1, 0, 0s, 0, 1, [](CamdBusTest& t) { chmod((t.fw_ / package).c_str(), 0646); }},
+      {{}, 100, nullptr, 0, red + "Firmware package [<dir>/" + package + "] is owned by user 65534",
+       1, 0, 0s, 0, 1, [](CamdBusTest& t) { EXPECT_EQ(chown((t.fw_ / package).c_str(), 65534, 65534), 0); }},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.out);
+    chmod(fw_.path().c_str(), 0700);  // as a row before may have left them
+    for (const char* name : {package, lock}) std::filesystem::remove(fw_ / name);
     StartSim(row.sim);
     std::filesystem::resize_file(AddPackage(2, row.imageBytes == large.size() ? large : RandomBytes(1000, 3)), row.imageBytes);
     row.stallSeconds ? setenv("QUORVEX_STALL_SECONDS", row.stallSeconds, 1) : unsetenv("QUORVEX_STALL_SECONDS");
+    if (row.tamper) row.tamper(*this);
     FakeClock clock;
     Helpers::VyrCamera camera("0", clock);
     int update = -1, sends = 0, first = 1;
     const auto run = Capture([&] {
       update = camera.CheckForUpdate();
-      for (int block = first = camera.GetFirstUpdateBlock(); row.sends && camera.SendFirmwareBlock(block); ++sends) camera.WaitForAck(0);
+      first = camera.GetFirstUpdateBlock();
+      // One block past the expected count at most: a loop that would not end fails instead.
+      for (; row.sends && sends <= row.sends && camera.SendFirmwareBlock(first); ++sends) camera.WaitForAck(0);
     });
-    EXPECT_THAT(run.out + run.err, ::testing::HasSubstr(row.out));
+    ReleaseLock();
+    std::string out = row.out;
+    if (const auto at = out.find("<dir>"); at != std::string::npos) out.replace(at, 5, fw_.path());
+    EXPECT_THAT(run.out + run.err, ::testing::HasSubstr(out));
     // Position 0 is a real answer: one call, no pause. Asked once, however many polls.
     EXPECT_EQ(std::make_tuple(update, SimCalls("UpdateInfoReceived"), SimCalls("SendUpdateAvailable"), sends, clock.Slept() / 1ms,
                               first, SimCalls("GetFirstUpdateBlock"), CountOf(run.out, "Asking camd for first update block (really)\n")),

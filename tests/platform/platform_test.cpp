@@ -246,6 +246,15 @@ TEST_F(AScratchPlatform, ReadsNoBoardVersionFromAFifoWithoutAWriter) {
   EXPECT_LT(Clock::now() - start, 500ms);
 }
 
+// A number in it would pass for the board's version, so a FIFO never counts.
+TEST_F(AScratchPlatform, ReadsNoBoardVersionFromAFifoHoldingANumber) {
+  ASSERT_EQ(mkfifo((dir / "version").c_str(), 0600), 0);
+  const int writer = open((dir / "version").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_EQ(write(writer, "7\n", 2), 2);
+  EXPECT_EQ(QelArmControl::TallyvaneFirmwareVer(), -1);
+  close(writer);
+}
+
 int Send(const Bytes& bytes, int channel = lc::kPacketChannel) {
   return QelArmControl::Send_Dl_Us_Raw(channel, bytes.data(), bytes.size());
 }
@@ -255,6 +264,12 @@ TEST_F(AScratchPlatform, FailsToSendAtOnceWhenNobodyReadsTheDownlink) {
   const auto start = Clock::now();
   EXPECT_EQ(Send({1}), 0);
   EXPECT_LT(Clock::now() - start, 100ms);
+}
+
+// It would swallow every frame and never answer.
+TEST_F(AScratchPlatform, RefusesToSendIntoAPlainFile) {
+  dir.Write("downlink");
+  EXPECT_EQ(Send({1}), 0);
 }
 
 // The reading end of the downlink FIFO; a Send has finished writing when it returns.

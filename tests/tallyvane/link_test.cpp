@@ -262,6 +262,17 @@ TEST_F(LinkTest, UpdateCheckGivesUpOnASilentBoardAndChunksAreReadAtTheBoardsPosi
   std::filesystem::remove(path);
   send(0, 0);
   EXPECT_TRUE(Sent().empty());
+  // A FIFO swapped in since the scan is refused at once; so is a directory that others may write.
+  const auto refused = [](const std::string& what) {  // the red line
+    return "\033[0;31mfw-updater Debug: [ERROR] -- " + what + "; not updating\033[0m\n";
+  };
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(Stdout([&] { send(0, 0); }), refused("Firmware package [" + path + "] is not a regular file"));
+  std::filesystem::remove(path);
+  dir.Write("tallyvane-7.bin", image);
+  chmod(dir.path().c_str(), 0703);
+  EXPECT_EQ(Stdout([&] { send(0, 0); }),
+            refused("Firmware directory [" + dir.path() + "] is writable by group or others"));
 }
 
 // The helper against the board simulator, which answers whenever the helper waits. An image no newer than the

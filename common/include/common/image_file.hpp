@@ -1,5 +1,6 @@
-// Reading a firmware image the way both targets do: its length; whole, in
-// pieces, for the checksum; and one chunk at the position the target names.
+// Reading a firmware image the way both targets do: opening the package;
+// its length; whole, in pieces, for the checksum; and one chunk at the
+// position the target names.
 //
 // The size type is the caller's: the camera carries the low 32 bits of the
 // file size, the board the full offset, and the messages print it as is.
@@ -10,9 +11,46 @@
 #include <cstdint>
 #include <iostream>
 #include <optional>
+#include <streambuf>
+#include <string>
 #include <vector>
 
 namespace Updater::Image {
+
+enum class Opened { Yes, Missing, Refused };
+
+// A package opened for reading, as a stream over its own descriptor.
+class File : public std::istream {
+ public:
+  File();
+  ~File() override;
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  // Opens the package at `path` without blocking, so that a FIFO put in its
+  // place cannot hang the run. Refused, after a red error naming the path
+  // and the reason: a firmware directory or a file (a link followed) that
+  // another user could have written (see common/file_trust.hpp), or a file
+  // that is not a regular one. Missing: no package, or open() failed.
+  Opened Open(const std::string& path);
+  bool is_open() const;
+  void close();
+
+ private:
+  class Buffer : public std::streambuf {
+   public:
+    int fd = -1;
+
+   protected:
+    int_type underflow() override;
+    pos_type seekoff(off_type offset, std::ios_base::seekdir from, std::ios_base::openmode) override;
+    pos_type seekpos(pos_type position, std::ios_base::openmode mode) override;
+
+   private:
+    char bytes_[4096];
+  };
+  Buffer buffer_;
+};
 
 // Pieces of the whole-image pass: large enough to read quickly, small enough
 // that memory stays flat whatever the image size.

@@ -71,6 +71,8 @@ class CamdDbusIface {
   // later error cannot take that back: the camera may already be rebooting
   // into the new image.
   int WaitForAck();
+  // The last WaitForAck() ended on an error answer rather than on camd's status.
+  bool AckFailed() const { return ackFailed_; }
 
   // From `deadline` on (the clock's monotonic time) no further try is made,
   // and no try waits for its reply beyond it. Unset, every try is made with
@@ -100,6 +102,7 @@ class CamdDbusIface {
   std::unique_ptr<sdbus::IConnection> connection_;
   std::unique_ptr<sdbus::IProxy> proxy_;
   std::optional<Clock::steady_point> deadline_;
+  bool ackFailed_ = false;
 };
 
 }  // namespace Updater::Helpers

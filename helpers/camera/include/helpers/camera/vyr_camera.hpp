@@ -6,23 +6,28 @@
 //
 // Safety limits beyond camd's protocol:
 // - one run per camera at a time: an exclusive lock per camera index in
-//   $QUORVEX_LOCK_DIR (default /run/lock), taken before camd is asked anything;
+//   $QUORVEX_LOCK_DIR (default /run/firmware-updater), taken before camd is
+//   asked anything (see camera_lock.hpp);
+// - a package is read only from a firmware directory and file that no other
+//   user could have written (see common/file_trust.hpp);
 // - every chunk comes from the image the update check opened, even if a
 //   package manager replaces the file meanwhile;
 // - images camd's signed 32-bit positions cannot address are refused;
+// - no chunk goes out unless camd has taken the image's announcement;
 // - a stall limit ($QUORVEX_STALL_SECONDS, default 300, 0 = none): the update
-//   check may take that long in all, and the block loop gives up once no new
-//   byte has been acknowledged for that long.
+//   check, with any wait for the lock, may take that long in all, and the block loop gives up once no new
+//   byte has been acknowledged for that long, or sooner after a few paced
+//   rounds in which camd acknowledged nothing new or answered with errors.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "common/clock.hpp"
+#include "common/image_file.hpp"
 #include "common/notify.hpp"
 #include "common/stall_limit.hpp"
 #include "dbus/bus.hpp"
@@ -53,9 +58,8 @@ class VyrCamera : public UpdateHelper {
   const std::string& FirmwarePath() const { return firmwarePath; }
 
  private:
-  bool TakeLock();
+  bool TakeLock(std::optional<Clock::steady_point> deadline);
   int CheckWithCamd();
-  bool Stalled(int block);
 
   std::shared_ptr<CamdDbusIface> camdProxy;
   std::int32_t blockSize = 64;
@@ -65,14 +69,13 @@ class VyrCamera : public UpdateHelper {
 
   const std::string cameraIndex_;
   Clock& clock_;
-  std::optional<std::chrono::seconds> stallLimit_;
+  StallWatch stall_;  // progress: the highest acknowledged chunk end
   int lockFd_ = -1;
-  std::ifstream image_;
+  Image::File image_;
   // The chunk on its way and the progress it may make once acknowledged.
   std::int64_t sentBlock_ = 0;
   std::int64_t sentBytes_ = 0;
   std::int64_t ackedEnd_ = 0;
-  Clock::steady_point lastProgress_;
   // Progress for the service manager (sd_notify), out of the image size.
   ProgressNotifier progress_;
   std::int64_t imageSize_ = 0;

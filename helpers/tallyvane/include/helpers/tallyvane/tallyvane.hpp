@@ -22,7 +22,6 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -31,7 +30,9 @@
 #include <vector>
 
 #include "common/clock.hpp"
+#include "common/image_file.hpp"
 #include "common/notify.hpp"
+#include "common/stall_limit.hpp"
 #include "lc/downlink_frame.hpp"
 #include "sm/update_helper.hpp"
 
@@ -166,10 +167,6 @@ class Tallyvane : public UpdateHelper {
   // Waits until `ready()` or `timeout`, woken by the receive path. A pending
   // packet whose acknowledgement is overdue goes out again meanwhile.
   bool AwaitLink(std::chrono::nanoseconds timeout, const std::function<bool()>& ready);
-  // Time left before the stall limit ends the update (the limit counts from
-  // the last acknowledged progress).
-  std::chrono::nanoseconds StallTimeLeft();
-  bool Stalled(int position);
   // The board has completed and ApplyUpdate is on the wire (or acknowledged).
   bool CompletedAndApplied() const;
   int CheckForUpdateConcurrent();
@@ -180,9 +177,9 @@ class Tallyvane : public UpdateHelper {
   void Announce();
   // Looks up the board's package and, when it is newer than what the board
   // runs, opens it through `image`, sums it and prints what the check prints
-  // before the announcement. False when there is nothing to announce.
-  bool ReadPackage(std::ifstream& image);
-  static constexpr int kIdleAckRounds = 8;
+  // before the announcement. False when there is nothing to announce, or
+  // the package is refused (see Image::File::Open).
+  bool ReadPackage(Image::File& image);
   // Prints the status and grows or drops the packet size by it.
   int AfterAckWait(int status);
   // True when the chunk just acknowledged moved the transfer forward.
@@ -237,9 +234,8 @@ class Tallyvane : public UpdateHelper {
   std::atomic<unsigned> updateErrors_{0};  // error reports seen
   std::atomic<int> applySequence_{-1};     // the ApplyUpdate's sequence number
   // The rest belongs to the update thread.
-  std::optional<std::chrono::seconds> stallLimit_;
-  Clock::steady_point lastProgress_{};
-  std::ifstream image_;  // the image the checksum was taken of, read to the end of the run
+  StallWatch stall_;   // the stall limit and the idle rounds
+  Image::File image_;  // the image the checksum was taken of, read to the end of the run
   std::int64_t imageSize_ = 0;
   int firstPosition_ = 0;
   int sentPosition_ = 0;
@@ -248,7 +244,6 @@ class Tallyvane : public UpdateHelper {
   // Bytes acknowledged in the order the board asks for them, from its first
   // position on (wrapping at the end of the image).
   std::int64_t traversed_ = 0;
-  int idleAcks_ = 0;  // acknowledgements in a row without progress
   std::uint16_t checksum_ = 0;
   ProgressNotifier progress_;
 };

@@ -1,0 +1,31 @@
+#include "common/file_trust.hpp"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace Updater::Trust {
+
+std::string NotUsable() { return std::string("not usable: ") + std::strerror(errno); }
+
+std::optional<std::string> Distrust(const struct stat& st) {
+  if (st.st_uid != 0 && st.st_uid != geteuid()) return "owned by user " + std::to_string(st.st_uid);
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) return std::string("writable by group or others");
+  return std::nullopt;
+}
+
+std::optional<std::string> DistrustDirectory(const std::string& path) {
+  struct stat st {};
+  if (stat(path.c_str(), &st) != 0) return NotUsable();
+  if (!S_ISDIR(st.st_mode)) return std::string("not a directory");
+  return Distrust(st);
+}
+
+std::string DirectoryOf(const std::string& path) {
+  const auto slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+}  // namespace Updater::Trust

@@ -1,0 +1,83 @@
+#include "common/image_file.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "common/file_trust.hpp"
+#include "common/log.hpp"
+
+namespace Updater::Image {
+
+File::File() : std::istream(&buffer_) { setstate(std::ios::failbit); }
+
+File::~File() { close(); }
+
+bool File::is_open() const { return buffer_.fd >= 0; }
+
+void File::close() {
+  if (buffer_.fd >= 0) ::close(buffer_.fd);
+  buffer_.fd = -1;
+  buffer_.pubseekoff(0, std::ios::beg, std::ios::in);  // drops what was buffered
+  setstate(std::ios::failbit);
+}
+
+Opened File::Open(const std::string& path) {
+  close();
+  if (path.empty()) return Opened::Missing;
+  const std::string directory = Trust::DirectoryOf(path);
+  if (const auto why = Trust::DistrustDirectory(directory)) {
+    Log::Error("Firmware directory [", directory, "] is ", *why, "; not updating");
+    return Opened::Refused;
+  }
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return Opened::Missing;
+  struct stat st {};
+  std::optional<std::string> why;
+  if (fstat(fd, &st) != 0) {
+    why = Trust::NotUsable();
+  } else if (!S_ISREG(st.st_mode)) {
+    why = "not a regular file";
+  } else {
+    why = Trust::Distrust(st);
+  }
+  if (why) {
+    ::close(fd);
+    Log::Error("Firmware package [", path, "] is ", *why, "; not updating");
+    return Opened::Refused;
+  }
+  buffer_.fd = fd;
+  clear();
+  return Opened::Yes;
+}
+
+File::Buffer::int_type File::Buffer::underflow() {
+  if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
+  if (fd < 0) return traits_type::eof();
+  ssize_t got;
+  do {
+    got = ::read(fd, bytes_, sizeof bytes_);
+  } while (got < 0 && errno == EINTR);
+  if (got <= 0) return traits_type::eof();
+  setg(bytes_, bytes_, bytes_ + got);
+  return traits_type::to_int_type(*gptr());
+}
+
+File::Buffer::pos_type File::Buffer::seekoff(off_type offset, std::ios_base::seekdir from,
+                                             std::ios_base::openmode) {
+  // The descriptor stands past what is buffered but not yet taken.
+  if (from == std::ios_base::cur) offset -= egptr() - gptr();
+  setg(bytes_, bytes_, bytes_);
+  if (fd < 0) return pos_type(off_type(-1));
+  const int whence = from == std::ios_base::beg ? SEEK_SET : from == std::ios_base::cur ? SEEK_CUR : SEEK_END;
+  const off_t at = lseek(fd, static_cast<off_t>(offset), whence);
+  return at < 0 ? pos_type(off_type(-1)) : pos_type(static_cast<off_type>(at));
+}
+
+File::Buffer::pos_type File::Buffer::seekpos(pos_type position, std::ios_base::openmode mode) {
+  return seekoff(off_type(position), std::ios_base::beg, mode);
+}
+
+}  // namespace Updater::Image
