@@ -209,6 +209,11 @@ TEST_F(AScratchPlatform, FindsNoCameraPackageForANegativeRegion) {
   EXPECT_EQ(CameraPackage(-1), none);
 }
 
+TEST_F(AScratchPlatform, FindsNoBoardPackageForASelectorOtherThanZero) {
+  dir.Write("tallyvane-9.bin");
+  EXPECT_EQ(QelArmControl::FilesystemFirmwarePackage(1), none);
+}
+
 TEST_F(AScratchPlatform, FindsNoPackageWhenTheDirectoryIsAFile) {
   setenv("QUORVEX_FIRMWARE_DIR", dir.Write("tallyvane-9.bin").c_str(), 1);
   EXPECT_EQ(QelArmControl::FilesystemFirmwarePackage(0), none);
@@ -325,6 +330,13 @@ TEST_F(ADownlink, SurvivesAReaderThatHasGone) {
   close(reader);
   reader = -1;
   EXPECT_EQ(Send({2}), 0);
+}
+
+TEST_F(ADownlink, OpensTheDeviceAgainAfterAFailedWrite) {
+  close(reader);
+  ASSERT_EQ(Send({2}), 0);
+  reader = open(downlink.c_str(), O_RDONLY | O_NONBLOCK);
+  EXPECT_EQ(Send({3}), 1);
 }
 
 TEST_F(ADownlink, GivesUpWithinASecondWhenNobodyDrainsIt) {
