@@ -33,6 +33,7 @@ struct InvalidWord {
   std::string name;
   std::string word;
 };
+void PrintTo(const InvalidWord& row, std::ostream* os) { *os << row.name; }
 
 class AnInvalidTargetWord : public ::testing::TestWithParam<InvalidWord> {};
 

@@ -63,6 +63,7 @@ struct PacketCase {
   bool needsAck;
   Bytes wire;
 };
+void PrintTo(const PacketCase& row, std::ostream* os) { *os << row.name; }
 constexpr bool kWantsAck = true, kNoAck = false;
 template <class T>
 PacketCase Case(std::string name, T packet, bool needsAck, Bytes wire) {
@@ -105,6 +106,7 @@ struct RefusedWire {
   Bytes wire;  // all of it at hand
   int result;
 };
+void PrintTo(const RefusedWire& row, std::ostream* os) { *os << row.name; }
 Bytes WithLengthByte(Bytes wire, std::uint8_t length) {
   wire[0] = length;
   return wire;
@@ -162,6 +164,7 @@ struct PackageName {
   std::string file;
   int version;  // -1: the file does not count
 };
+void PrintTo(const PackageName& row, std::ostream* os) { *os << row.name; }
 
 class ACameraPackageName : public AScratchPlatform, public ::testing::WithParamInterface<PackageName> {};
 
@@ -224,6 +227,7 @@ struct VersionText {
   std::string text;
   int version;  // -1: not a version
 };
+void PrintTo(const VersionText& row, std::ostream* os) { *os << row.name; }
 
 class ABoardVersionFile : public AScratchPlatform, public ::testing::WithParamInterface<VersionText> {};
 
@@ -307,6 +311,7 @@ struct UnframeableSend {
   int channel;
   std::size_t count;
 };
+void PrintTo(const UnframeableSend& row, std::ostream* os) { *os << row.name; }
 
 class ADownlinkGivenAnUnframeableSend : public ADownlink,
                                         public ::testing::WithParamInterface<UnframeableSend> {};

@@ -134,6 +134,7 @@ struct UnknownStatus {
   std::string name;
   int status;
 };
+void PrintTo(const UnknownStatus& row, std::ostream* os) { *os << row.name; }
 
 class AnUpdateMachineGivenAnUnknownStatus : public AnUpdateMachine,
                                             public ::testing::WithParamInterface<UnknownStatus> {};
