@@ -6,23 +6,55 @@
 namespace Updater::Testing {
 namespace {
 
-TEST(CommandLine, WrongUseNamesTheProgramWithItsOwnStatus) {
-  const std::string yellow = "\033[0;33mfw-updater Debug: ", reset = "\033[0m\n";
-  struct Row { std::vector<std::string> args; int status; std::string out, err; };
-  std::vector<Row> rows = {{{}, 1, "", "Missing target for [fw-up-argv0]\n"},
-                           // No closing line.
-                           {{"camera"}, 2, yellow + "Update target selected as camera" + reset, "Missing camera idx [fw-up-argv0]\n"}};
-  // Target words are case-sensitive and exact.
-  for (const std::string word : {"Camera", "TALLYVANE", "camera0", "tallyvane ", ""})
-    rows.push_back({{word, "0", "extra"}, 0, yellow + "Exiting firmware-updater ..." + reset,
-                    "Invalid target [" + word + "] given, quitting fw-up-argv0\n"});
+const std::string kYellow = "\033[0;33mfw-updater Debug: ", kReset = "\033[0m\n";
+
+// argv[0] is not a path here, to tell it apart from a target word.
+ProcessResult RunWithArgs(const std::vector<std::string>& args) {
   ProcessOptions options;
-  options.argv0 = "fw-up-argv0";  // not a path, to tell it apart from a target
-  for (const auto& row : rows) {
-    const auto r = RunProcess(UpdaterBinary(), row.args, options);
-    EXPECT_EQ(std::make_tuple(r.exitStatus, r.out, r.err), std::make_tuple(row.status, row.out, row.err));
-  }
+  options.argv0 = "fw-up-argv0";
+  return RunProcess(UpdaterBinary(), args, options);
 }
+
+TEST(AProgramWithoutATarget, NamesItsOwnPathAndExitsWithOne) {
+  const auto run = RunWithArgs({});
+  EXPECT_EQ(run.exitStatus, 1);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "Missing target for [fw-up-argv0]\n");
+}
+
+TEST(ACameraTargetWithoutAnIndex, ExitsWithTwoAndNoClosingLine) {
+  const auto run = RunWithArgs({"camera"});
+  EXPECT_EQ(run.exitStatus, 2);
+  EXPECT_EQ(run.out, kYellow + "Update target selected as camera" + kReset);
+  EXPECT_EQ(run.err, "Missing camera idx [fw-up-argv0]\n");
+}
+
+struct InvalidWord {
+  std::string name;
+  std::string word;
+};
+void PrintTo(const InvalidWord& row, std::ostream* os) { *os << row.name; }
+
+class AnInvalidTargetWord : public ::testing::TestWithParam<InvalidWord> {};
+
+// Arguments after the index are ignored, so an extra one must not change the outcome.
+TEST_P(AnInvalidTargetWord, IsNamedOnStderrAndEndsWithTheClosingLine) {
+  const auto run = RunWithArgs({GetParam().word, "0", "extra"});
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_EQ(run.out, kYellow + "Exiting firmware-updater ..." + kReset);
+  EXPECT_EQ(run.err, "Invalid target [" + GetParam().word + "] given, quitting fw-up-argv0\n");
+}
+
+// Target words are compared exactly and case-sensitively.
+const InvalidWord kInvalidWords[] = {
+    {"CapitalCamera", "Camera"},
+    {"UpperCaseBoard", "TALLYVANE"},
+    {"CameraWithSuffix", "camera0"},
+    {"BoardWithTrailingBlank", "tallyvane "},
+    {"Empty", ""},
+};
+INSTANTIATE_TEST_SUITE_P(Words, AnInvalidTargetWord, ::testing::ValuesIn(kInvalidWords),
+                         [](const auto& info) { return info.param.name; });
 
 }  // namespace
 }  // namespace Updater::Testing

@@ -1,18 +1,15 @@
 // Packets, and the control library against real files and FIFOs in a scratch directory.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <stdexcept>
-#include <thread>
-
-#include <gtest/gtest.h>
 
 #include "lc/downlink_frame.hpp"
 #include "lc/qel_arm_control.hpp"
@@ -27,173 +24,332 @@ using namespace VYRCam;
 using Bytes = std::vector<std::uint8_t>;
 using Clock = std::chrono::steady_clock;
 using lc::QelArmControl;
+using Package = std::pair<int, std::string>;
+using MakePacket = std::function<std::unique_ptr<Packet>()>;
+
+template <class T>
+std::string RowName(const ::testing::TestParamInfo<T>& info) {
+  return info.param.name;
+}
 
 Bytes Packed(const Packet& p) {
   Bytes out(static_cast<std::size_t>(p.Length()));
-  return p.Pack(out.data()), out;
+  p.Pack(out.data());
+  return out;
 }
-// A heap copy of exactly `count` bytes, so that the address sanitizer sees a read past it.
-int UnpackExact(Packet& p, const Bytes& bytes, std::size_t count) {
-  std::unique_ptr<char[]> copy(new char[count == 0 ? 1 : count]);
-  if (count != 0) std::memcpy(copy.get(), bytes.data(), count);
-  return p.Unpack(copy.get(), count);
+// Through a heap copy of exactly the wire's bytes, so that the address sanitizer sees a read past them.
+int Unpack(Packet& p, const Bytes& wire) {
+  std::unique_ptr<char[]> copy(new char[wire.size()]);
+  std::memcpy(copy.get(), wire.data(), wire.size());
+  return p.Unpack(copy.get(), wire.size());
+}
+template <class T>
+std::unique_ptr<Packet> Blank() {
+  return std::make_unique<T>();
 }
 
-// Every class, with field values whose signs and high bits must survive and the payload bytes the wire format
-// documents for them; the first Unpack failure in the documented order (what has not fully arrived is
-// truncated, whatever its length byte claims); the check bytes, CRC-16/CCITT-FALSE high byte first.
-TEST(Packets, EveryClassPacksAsDocumentedAndUnpacksReportingTheFirstFailureInTheDocumentedOrder) {
-  struct Sample { int type; bool needsAck; Bytes payload; std::shared_ptr<Packet> sent; std::function<std::unique_ptr<Packet>()> blank; };
-  auto make = [](int type, bool needsAck, Bytes payload, auto sent) {
-    using T = decltype(sent);
-    sent.SequenceNumber(0x5A);
-    return Sample{type, needsAck, std::move(payload), std::make_shared<T>(sent), [] { return std::make_unique<T>(); }};
-  };
-  const Sample samples[] = {
-      make(16, true, {}, RequestUpdateInfo()), make(19, true, {}, ApplyUpdate()), make(20, true, {}, ClearPendingUpdate()),
-      make(17, true, {0xCD, 0xAB, 0x34, 0x12, 0xEF, 0xBE, 0xAD, 0xDE}, UpdateAvailable(0xABCD, 0x1234, 0xDEADBEEF)),
-      make(18, true, {0xFB, 0xFF, 0xFF, 0xFF, 0, 0xAA, 0xA9}, FirmwareBlock(-5, {0, 0xAA, 0xA9})),
-      make(3, false, {0xC8, 0x01}, DatalinkPacketAck(200, true)),
-      make(32, false, {0xFE, 0xFF, 0x01, 0, 0, 0x80, 0xC8, 0xFD, 0xFF, 0xFF, 0xFF}, UpdateInfo(0xFFFE, 0x80000001u, 0xC8, -3)),
-      make(33, false, {0xFF, 0xFF, 0xFF, 0xFF, 0x78, 0x56, 0x34, 0x12}, ReceivedFirmwareBlock(-1, 0x12345678u)),
-      make(35, false, {}, UpdateComplete()), make(36, false, {}, UpdateError())};
-  for (const Sample& s : samples) {
-    const Bytes wire = Packed(*s.sent);
-    ASSERT_EQ(wire.size(), s.payload.size() + 5) << s.type;
-    EXPECT_EQ((std::vector<int>{wire[0], wire[1], wire[2], s.sent->NeedsAck()}),
-              (std::vector<int>{static_cast<int>(wire.size()), s.type, 0x5A, s.needsAck}));
-    EXPECT_EQ(Bytes(wire.begin() + 3, wire.end() - 2), s.payload) << s.type;
-    const auto got = s.blank();
-    ASSERT_EQ(UnpackExact(*got, wire, wire.size()), kUnpackOk) << s.type;
-    EXPECT_EQ(Packed(*got), wire) << s.type;
-  }
+// Field values whose signs and high bits must survive; sequence number 0x5A; the check bytes are
+// CRC-16/CCITT-FALSE, high byte first.
+const Bytes kUpdateAvailableWire{0x0D, 0x11, 0x5A, 0xCD, 0xAB, 0x34, 0x12,
+                                 0xEF, 0xBE, 0xAD, 0xDE, 0xA9, 0x69};
+const Bytes kFirmwareBlockWire{0x0C, 0x12, 0x5A, 0xFB, 0xFF, 0xFF, 0xFF, 0x00, 0xAA, 0xA9, 0x3E, 0xB4};
+const Bytes kUpdateInfoWire{0x10, 0x20, 0x5A, 0xFE, 0xFF, 0x01, 0x00, 0x00,
+                            0x80, 0xC8, 0xFD, 0xFF, 0xFF, 0xFF, 0xC3, 0xD0};
+const Bytes kReceivedBlockWire{0x0D, 0x21, 0x5A, 0xFF, 0xFF, 0xFF, 0xFF, 0x78, 0x56, 0x34, 0x12, 0xA5, 0xAC};
+
+struct PacketCase {
+  std::string name;
+  MakePacket filled, blank;
+  bool needsAck;
+  Bytes wire;
+};
+void PrintTo(const PacketCase& row, std::ostream* os) { *os << row.name; }
+constexpr bool kWantsAck = true, kNoAck = false;
+template <class T>
+PacketCase Case(std::string name, T packet, bool needsAck, Bytes wire) {
+  packet.SequenceNumber(0x5A);
+  return {std::move(name), [packet] { return std::make_unique<T>(packet); }, Blank<T>, needsAck, wire};
+}
+
+class APacket : public ::testing::TestWithParam<PacketCase> {};
+
+TEST_P(APacket, PacksToItsDocumentedBytes) { EXPECT_EQ(Packed(*GetParam().filled()), GetParam().wire); }
+
+TEST_P(APacket, SaysWhetherItWantsAnAck) { EXPECT_EQ(GetParam().filled()->NeedsAck(), GetParam().needsAck); }
+
+TEST_P(APacket, UnpacksItsDocumentedBytesIntoTheSameFields) {
+  const auto got = GetParam().blank();
+  ASSERT_EQ(Unpack(*got, GetParam().wire), kUnpackOk);
+  EXPECT_EQ(Packed(*got), GetParam().wire);
+}
+
+const PacketCase kPackets[] = {
+    Case("RequestUpdateInfo", RequestUpdateInfo(), kWantsAck, {0x05, 0x10, 0x5A, 0xDF, 0xA0}),
+    Case("ApplyUpdate", ApplyUpdate(), kWantsAck, {0x05, 0x13, 0x5A, 0x8A, 0xF3}),
+    Case("ClearPendingUpdate", ClearPendingUpdate(), kWantsAck, {0x05, 0x14, 0x5A, 0x13, 0x64}),
+    Case("UpdateAvailable", UpdateAvailable(0xABCD, 0x1234, 0xDEADBEEF), kWantsAck, kUpdateAvailableWire),
+    Case("FirmwareBlock", FirmwareBlock(-5, {0, 0xAA, 0xA9}), kWantsAck, kFirmwareBlockWire),
+    Case("DatalinkPacketAck", DatalinkPacketAck(200, true), kNoAck,
+         {0x07, 0x03, 0x5A, 0xC8, 0x01, 0xFB, 0xD7}),
+    Case("UpdateInfo", UpdateInfo(0xFFFE, 0x80000001u, 0xC8, -3), kNoAck, kUpdateInfoWire),
+    Case("ReceivedFirmwareBlock", ReceivedFirmwareBlock(-1, 0x12345678u), kNoAck, kReceivedBlockWire),
+    Case("UpdateComplete", UpdateComplete(), kNoAck, {0x05, 0x23, 0x5A, 0x8F, 0x66}),
+    Case("UpdateError", UpdateError(), kNoAck, {0x05, 0x24, 0x5A, 0x16, 0xF1}),
+};
+INSTANTIATE_TEST_SUITE_P(Classes, APacket, ::testing::ValuesIn(kPackets), RowName<PacketCase>);
+
+// The first failure in the documented order: what has not fully arrived is truncated, whatever
+// its length byte claims; the length before the type; the type before the check bytes.
+struct RefusedWire {
+  std::string name;
+  MakePacket blank;
+  Bytes wire;  // all of it at hand
+  int result;
+};
+void PrintTo(const RefusedWire& row, std::ostream* os) { *os << row.name; }
+Bytes WithLengthByte(Bytes wire, std::uint8_t length) {
+  wire[0] = length;
+  return wire;
+}
+
+class APacketGivenABadWire : public ::testing::TestWithParam<RefusedWire> {};
+
+TEST_P(APacketGivenABadWire, ReportsTheFirstFailure) {
+  EXPECT_EQ(Unpack(*GetParam().blank(), GetParam().wire), GetParam().result);
+}
+
+const RefusedWire kRefusedWires[] = {
+    {"ShorterThanHeaderAndCheck", Blank<UpdateComplete>, {0x03, 0x23, 0x5A}, kUnpackTruncated},
+    {"OneByteShortOfItsLength", Blank<ReceivedFirmwareBlock>, WithLengthByte(kReceivedBlockWire, 14),
+     kUnpackTruncated},
+    {"ImpossibleLengthPastTheBytes", Blank<UpdateInfo>, WithLengthByte(kUpdateInfoWire, 255),
+     kUnpackTruncated},
+    {"LengthBelowHeaderAndCheck", Blank<FirmwareBlock>, WithLengthByte(kFirmwareBlockWire, 4),
+     kUnpackBadLength},
+    {"FirmwareBlockWithoutAWholePosition", Blank<FirmwareBlock>, WithLengthByte(kFirmwareBlockWire, 8),
+     kUnpackBadLength},
+    {"PayloadOneByteShortForItsClass", Blank<UpdateInfo>, WithLengthByte(kUpdateInfoWire, 15),
+     kUnpackBadLength},
+    {"PayloadOfAnotherClass", Blank<UpdateComplete>, kUpdateInfoWire, kUnpackBadLength},
+    {"AnotherType", Blank<UpdateComplete>, {0x05, 0x24, 0x5A, 0x16, 0xF1}, kUnpackWrongType},
+    {"AChangedByte", Blank<UpdateComplete>, {0x05, 0x23, 0x5B, 0x8F, 0x66}, kUnpackBadChecksum},
+};
+INSTANTIATE_TEST_SUITE_P(Wires, APacketGivenABadWire, ::testing::ValuesIn(kRefusedWires),
+                         RowName<RefusedWire>);
+
+// The length byte could describe no bigger packet.
+TEST(AFirmwareBlock, FillsAWholePacketWithTheMostDataItTakes) {
   EXPECT_EQ(FirmwareBlock(0, std::vector<unsigned char>(FirmwareBlock::kMaxData)).Length(), 255);
+}
+
+TEST(AFirmwareBlock, RefusesOneByteMore) {
   EXPECT_THROW(FirmwareBlock(0, std::vector<unsigned char>(FirmwareBlock::kMaxData + 1)), std::length_error);
+}
 
-  auto of = [&](int type) -> const Sample& { return *std::find_if(std::begin(samples), std::end(samples), [&](auto& s) { return s.type == type; }); };
-  auto wire = [&](int type, std::size_t at = 2, int value = -1) {
-    Bytes w = Packed(*of(type).sent);
-    if (value >= 0) w[at] = static_cast<std::uint8_t>(value);
-    return w;
-  };
-  const struct { int type; Bytes wire; std::size_t available; int code; } rows[] = {
-      {32, wire(32, 0, 255), 16, kUnpackTruncated}, {35, wire(35, 0, 6), 5, kUnpackTruncated},
-      {33, wire(33, 0, 14), 13, kUnpackTruncated},  {35, wire(35, 0, 3), 3, kUnpackTruncated},
-      {35, wire(35), 4, kUnpackTruncated},          {18, wire(18, 0, 4), 12, kUnpackBadLength},
-      {32, wire(32, 0, 15), 16, kUnpackBadLength},  {32, wire(35), 5, kUnpackBadLength},
-      {35, wire(36), 5, kUnpackWrongType},          {35, wire(35, 2, 0x5B), 5, kUnpackBadChecksum},
-  };
-  for (const auto& row : rows)
-    EXPECT_EQ(UnpackExact(*of(row.type).blank(), row.wire, row.available), row.code) << row.type << "/" << row.available;
+struct AScratchPlatform : ::testing::Test {
+  AScratchPlatform() {
+    setenv("QUORVEX_FIRMWARE_DIR", dir.path().c_str(), 1);
+    setenv("QUORVEX_TALLYVANE_DOWNLINK", downlink.c_str(), 1);
+    setenv("QUORVEX_TALLYVANE_VERSION_FILE", (dir / "version").c_str(), 1);
+  }
+  Package CameraPackage(int region) { return libVyrCam::FilesystemFirmwarePackage(region); }
+  Updater::Testing::TempDir dir;
+  const std::string downlink = dir / "downlink";
+  const Package none{-1, ""};
+};
 
-  auto numbered = [](Packet&& p, int sequence) { return p.SequenceNumber(sequence), Packed(p); };
-  EXPECT_EQ(numbered(FirmwareBlock(-2, {0xDE, 0xAD}), 255),
-            (Bytes{0x0B, 0x12, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xDE, 0xAD, 0x96, 0xB5}));
+// One file alone in the firmware directory, looked up for camera region 1.
+struct PackageName {
+  std::string name;
+  std::string file;
+  int version;  // -1: the file does not count
+};
+void PrintTo(const PackageName& row, std::ostream* os) { *os << row.name; }
+
+class ACameraPackageName : public AScratchPlatform, public ::testing::WithParamInterface<PackageName> {};
+
+TEST_P(ACameraPackageName, CountsOnlyWithExactlyDecimalDigitsForItsRegion) {
+  dir.Write(GetParam().file);
+  const Package expected = GetParam().version < 0 ? none : Package(GetParam().version, dir / GetParam().file);
+  EXPECT_EQ(CameraPackage(1), expected);
+}
+
+const PackageName kPackageNames[] = {
+    {"Plain", "camera-region1-10.bin", 10},
+    {"VersionZero", "camera-region1-0.bin", 0},
+    {"LargestVersion", "camera-region1-2147483647.bin", INT_MAX},
+    {"WrapsPastInt", "camera-region1-4294967306.bin", -1},
+    {"NoVersion", "camera-region1-.bin", -1},
+    {"Letter", "camera-region1-x.bin", -1},
+    {"TrailingLetter", "camera-region1-90a.bin", -1},
+    {"Sign", "camera-region1--90.bin", -1},
+    {"UpperCaseSuffix", "camera-region1-90.BIN", -1},
+    {"OtherRegion", "camera-region2-90.bin", -1},
+    {"BoardImage", "tallyvane-90.bin", -1},
+};
+INSTANTIATE_TEST_SUITE_P(Names, ACameraPackageName, ::testing::ValuesIn(kPackageNames), RowName<PackageName>);
+
+TEST_F(AScratchPlatform, PicksTheNumericallyHighestVersion) {
+  dir.Write("tallyvane-99.bin");
+  dir.Write("tallyvane-100.bin");
+  EXPECT_EQ(QelArmControl::FilesystemFirmwarePackage(0), Package(100, dir / "tallyvane-100.bin"));
+}
+
+TEST_F(AScratchPlatform, SkipsANewerNameThatIsADirectory) {
+  dir.Write("camera-region1-10.bin");
+  std::filesystem::create_directory(dir / "camera-region1-20.bin");
+  EXPECT_EQ(CameraPackage(1), Package(10, dir / "camera-region1-10.bin"));
+}
+
+TEST_F(AScratchPlatform, TakesASymlinkToAFile) {
+  std::filesystem::create_symlink(dir.Write("image"), dir / "tallyvane-7.bin");
+  EXPECT_EQ(QelArmControl::FilesystemFirmwarePackage(0), Package(7, dir / "tallyvane-7.bin"));
+}
+
+// "camera-region-1-" would read like another region's name.
+TEST_F(AScratchPlatform, FindsNoCameraPackageForANegativeRegion) {
+  dir.Write("camera-region-1-9.bin");
+  EXPECT_EQ(CameraPackage(-1), none);
+}
+
+TEST_F(AScratchPlatform, FindsNoBoardPackageForASelectorOtherThanZero) {
+  dir.Write("tallyvane-9.bin");
+  EXPECT_EQ(QelArmControl::FilesystemFirmwarePackage(1), none);
+}
+
+TEST_F(AScratchPlatform, FindsNoPackageWhenTheDirectoryIsAFile) {
+  setenv("QUORVEX_FIRMWARE_DIR", dir.Write("tallyvane-9.bin").c_str(), 1);
+  EXPECT_EQ(QelArmControl::FilesystemFirmwarePackage(0), none);
+}
+
+struct VersionText {
+  std::string name;
+  std::string text;
+  int version;  // -1: not a version
+};
+void PrintTo(const VersionText& row, std::ostream* os) { *os << row.name; }
+
+class ABoardVersionFile : public AScratchPlatform, public ::testing::WithParamInterface<VersionText> {};
+
+TEST_P(ABoardVersionFile, HoldsOneDecimalNumberBetweenBlanks) {
+  dir.Write("version", GetParam().text);
+  EXPECT_EQ(QelArmControl::TallyvaneFirmwareVer(), GetParam().version);
+}
+
+const VersionText kVersionTexts[] = {
+    {"Plain", "42\n", 42},
+    {"BlanksAround", " \t0 \r\n", 0},
+    {"Largest", "2147483647", INT_MAX},
+    {"PastInt", "2147483648", -1},
+    {"Empty", "", -1},
+    {"TrailingLetters", "12abc", -1},
+    {"JustShortOfTooLong", std::string(62, ' ') + "5", 5},
+    {"TooLong", std::string(63, ' ') + "5", -1},
+};
+INSTANTIATE_TEST_SUITE_P(Texts, ABoardVersionFile, ::testing::ValuesIn(kVersionTexts), RowName<VersionText>);
+
+TEST_F(AScratchPlatform, ReadsNoBoardVersionFromAFifoWithoutAWriter) {
+  ASSERT_EQ(mkfifo((dir / "version").c_str(), 0600), 0);
+  const auto start = Clock::now();
+  EXPECT_EQ(QelArmControl::TallyvaneFirmwareVer(), -1);
+  EXPECT_LT(Clock::now() - start, 500ms);
+}
+
+// A number in it would pass for the board's version, so a FIFO never counts.
+TEST_F(AScratchPlatform, ReadsNoBoardVersionFromAFifoHoldingANumber) {
+  ASSERT_EQ(mkfifo((dir / "version").c_str(), 0600), 0);
+  const int writer = open((dir / "version").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_EQ(write(writer, "7\n", 2), 2);
+  EXPECT_EQ(QelArmControl::TallyvaneFirmwareVer(), -1);
+  close(writer);
 }
 
 int Send(const Bytes& bytes, int channel = lc::kPacketChannel) {
   return QelArmControl::Send_Dl_Us_Raw(channel, bytes.data(), bytes.size());
 }
 
-struct PlatformTest : ::testing::Test {
-  PlatformTest() {
-    setenv("QUORVEX_FIRMWARE_DIR", dir.path().c_str(), 1);
-    setenv("QUORVEX_TALLYVANE_DOWNLINK", downlink.c_str(), 1);
-    setenv("QUORVEX_TALLYVANE_VERSION_FILE", (dir / "version").c_str(), 1);
-  }
-  Updater::Testing::TempDir dir;
-  const std::string downlink = dir / "downlink";
-};
-
-// The package with the highest version in a matching name, and the board's version as one decimal number.
-TEST_F(PlatformTest, FirmwarePackageAndBoardVersionAreReadStrictly) {
-  using Package = std::pair<int, std::string>;
-  auto camera = [](int region) { return VYRCam::libVyrCam::FilesystemFirmwarePackage(region); };
-  auto board = [] { return QelArmControl::FilesystemFirmwarePackage(0); };
-  const Package none(-1, "");
-  // Every name that must not count carries a higher number than the winners.
-  for (const char* name : {"camera-region1-9.bin", "camera-region1-10.bin", "camera-region12-50.bin", "tallyvane-99.bin",
-        "tallyvane-100.bin", "camera-region1-70.bin.bak", "camera-region1-x.bin", "camera-region1-.bin", "camera-region1-80",
-        "camera-region1--90.bin", "camera-region1-+90.bin", "camera-region1- 90.bin", "camera-region1-90a.bin",
-        "camera-region1-90.BIN", "xcamera-region1-90.bin", "camera-region01-90.bin", "camera-region1-2147483648.bin",
-        "camera-region1-99999999999999999999.bin", "tallyvane-2147483648.bin", "camera-region-1-90.bin"}) dir.Write(name);
-  std::filesystem::create_directory(dir / "camera-region1-20.bin");
-  std::filesystem::create_symlink(dir / "missing", dir / "tallyvane-200.bin");
-  EXPECT_EQ(camera(1), Package(10, dir / "camera-region1-10.bin"));
-  EXPECT_EQ(camera(12), Package(50, dir / "camera-region12-50.bin"));
-  EXPECT_TRUE(camera(3) == none && camera(-1) == none);
-  EXPECT_EQ(board(), Package(100, dir / "tallyvane-100.bin"));
-  std::filesystem::create_symlink(dir / "tallyvane-99.bin", dir / "tallyvane-2147483647.bin");
-  EXPECT_EQ(board(), Package(INT_MAX, dir / "tallyvane-2147483647.bin"));
-
-  EXPECT_EQ(QelArmControl::TallyvaneFirmwareVer(), -1);
-  for (const auto& [text, version] : std::vector<std::pair<std::string, int>>{
-           {"42\n", 42}, {"7", 7}, {"  0  \r\n", 0}, {"2147483647\n", INT_MAX}, {"", -1}, {"abc", -1},
-           {"12abc", -1}, {"1 2", -1}, {"-3", -1}, {"+3", -1}, {"0x10", -1}, {"2147483648", -1}, {"4.5", -1},
-           {std::string(100, ' ') + "5", -1}}) {
-    dir.Write("version", text);
-    EXPECT_EQ(QelArmControl::TallyvaneFirmwareVer(), version) << "'" << text << "'";
-  }
-  std::filesystem::remove(dir / "version");
-  ASSERT_EQ(mkfifo((dir / "version").c_str(), 0600), 0);
+TEST_F(AScratchPlatform, FailsToSendAtOnceWhenNobodyReadsTheDownlink) {
+  ASSERT_EQ(mkfifo(downlink.c_str(), 0600), 0);
   const auto start = Clock::now();
-  EXPECT_EQ(QelArmControl::TallyvaneFirmwareVer(), -1) << "a FIFO without a writer";
-  EXPECT_LT(Clock::now() - start, 500ms);
-  const int writer = open((dir / "version").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-  ASSERT_EQ(write(writer, "7\n", 2), 2);
-  EXPECT_EQ(QelArmControl::TallyvaneFirmwareVer(), -1) << "a FIFO, even one holding a number";
-  close(writer);
-  setenv("QUORVEX_FIRMWARE_DIR", (dir / "tallyvane-99.bin").c_str(), 1);  // a file, not a directory
-  EXPECT_EQ(board(), none);
+  EXPECT_EQ(Send({1}), 0);
+  EXPECT_LT(Clock::now() - start, 100ms);
 }
 
-TEST_F(PlatformTest, DownlinkGetsOneWholeFramePerCallFromAnyThreadAndFailsQuickly) {
-  EXPECT_EQ(Send({1}), 0);
+// It would swallow every frame and never answer.
+TEST_F(AScratchPlatform, RefusesToSendIntoAPlainFile) {
   dir.Write("downlink");
-  EXPECT_EQ(Send({1}), 0) << "a plain file would swallow every frame";
-  std::filesystem::remove(downlink);
-  ASSERT_EQ(mkfifo(downlink.c_str(), 0600), 0);
-  auto start = Clock::now();
-  EXPECT_EQ(Send({1, 2, 3}), 0);
-  EXPECT_LT(Clock::now() - start, 100ms);
-  // The reading end; a Send has finished writing when it returns.
-  int reader = open(downlink.c_str(), O_RDONLY | O_NONBLOCK);
-  auto drain = [&] {
-    Bytes got(1 << 17);
-    return got.resize(static_cast<std::size_t>(std::max<ssize_t>(0, read(reader, got.data(), got.size())))), got;
-  };
-  const Bytes big(lc::kMaxDownlinkPayload, 0x5C);
-  ASSERT_EQ((std::vector<int>{Send({1, 2, 3}), Send({0x42}, 200), Send(big)}), (std::vector<int>{1, 1, 1}));
-  EXPECT_EQ(Send({}) + Send(Bytes(lc::kMaxDownlinkPayload + 1, 1)) + Send({1}, -1) + Send({1}, 256), 0);
-  EXPECT_EQ(QelArmControl::Send_Dl_Us_Raw(5, nullptr, 3), 0);
-  Bytes expected{0xAA, 0xA9, 5, 3, 0, 1, 2, 3, 0xAA, 0xA9, 200, 1, 0, 0x42, 0xAA, 0xA9, 5,
-                 static_cast<std::uint8_t>(big.size() & 0xFF), static_cast<std::uint8_t>(big.size() >> 8)};
-  expected.resize(expected.size() + big.size(), 0x5C);  // `big`; an insert trips g++ 12's array-bounds check on armhf
-  EXPECT_EQ(drain(), expected);
-  close(reader);
-  EXPECT_EQ(Send({2}), 0) << "a reader that has gone raises SIGPIPE; we must still be here";
+  EXPECT_EQ(Send({1}), 0);
+}
 
-  // The helper sends from its receive thread and its update thread at once,
-  // and must not hang when the board stops reading.
-  reader = open(downlink.c_str(), O_RDONLY | O_NONBLOCK);
-  std::vector<std::thread> senders;
-  for (int t = 0; t < 4; ++t)
-    senders.emplace_back([t] { for (int i = 0; i < 100 && Send(Bytes(1000 + 37 * t, static_cast<std::uint8_t>(t))) != 0; ++i) {} });
-  for (auto& s : senders) s.join();
-  start = Clock::now();
-  EXPECT_EQ(Send(Bytes(lc::kMaxDownlinkPayload, 9)), 0) << "a pipe that nobody drains must fill up";
-  EXPECT_LT(Clock::now() - start, 1s);
-  const Bytes got = drain();
-  close(reader);
-  EXPECT_GT(got.size(), 40000u);
-  for (std::size_t at = 0, count = 0; at < got.size(); at += lc::kDownlinkHeaderBytes + count) {
-    ASSERT_LT(at + lc::kDownlinkHeaderBytes, got.size());
-    const std::uint8_t owner = got[at + 5];
-    ASSERT_TRUE(got[at] == 0xAA && got[at + 1] == 0xA9 && owner < 4) << "at " << at;
-    count = got[at + 3] | (got[at + 4] << 8);
-    ASSERT_EQ(Bytes(got.begin() + at + 5, got.begin() + std::min(got.size(), at + 5 + count)),
-              Bytes(1000 + 37 * owner, owner)) << "at " << at;
+// The reading end of the downlink FIFO; a Send has finished writing when it returns.
+struct ADownlink : AScratchPlatform {
+  ADownlink() {
+    mkfifo(downlink.c_str(), 0600);
+    reader = open(downlink.c_str(), O_RDONLY | O_NONBLOCK);
   }
+  ~ADownlink() override { close(reader); }
+  Bytes Drain() {
+    Bytes got(1 << 17);
+    got.resize(static_cast<std::size_t>(std::max<ssize_t>(0, read(reader, got.data(), got.size()))));
+    return got;
+  }
+  int reader = -1;
+};
+
+TEST_F(ADownlink, FramesEachSendWithSyncChannelAndLittleEndianLength) {
+  const Bytes full(lc::kMaxDownlinkPayload, 0x5C);
+  ASSERT_EQ(Send({1, 2, 3}, 0), 1);
+  ASSERT_EQ(Send(full, 255), 1);
+  Bytes expected{0xAA, 0xA9, 0, 3, 0, 1, 2, 3, 0xAA, 0xA9, 255, 0xFB, 0x0F};
+  // `full`; an insert trips g++ 12's array-bounds check on armhf
+  expected.resize(expected.size() + full.size(), 0x5C);
+  EXPECT_EQ(Drain(), expected);
+}
+
+struct UnframeableSend {
+  std::string name;
+  int channel;
+  std::size_t count;
+};
+void PrintTo(const UnframeableSend& row, std::ostream* os) { *os << row.name; }
+
+class ADownlinkGivenAnUnframeableSend : public ADownlink,
+                                        public ::testing::WithParamInterface<UnframeableSend> {};
+
+TEST_P(ADownlinkGivenAnUnframeableSend, RefusesIt) {
+  EXPECT_EQ(Send(Bytes(GetParam().count, 1), GetParam().channel), 0);
+}
+
+const UnframeableSend kUnframeableSends[] = {
+    {"NoBytes", 5, 0},
+    {"OneByteOverTheMost", 5, lc::kMaxDownlinkPayload + 1},
+    {"NegativeChannel", -1, 1},
+    {"ChannelPastAByte", 256, 1},
+};
+INSTANTIATE_TEST_SUITE_P(Sends, ADownlinkGivenAnUnframeableSend, ::testing::ValuesIn(kUnframeableSends),
+                         RowName<UnframeableSend>);
+
+TEST_F(ADownlink, RefusesToSendFromNoBuffer) { EXPECT_EQ(QelArmControl::Send_Dl_Us_Raw(5, nullptr, 3), 0); }
+
+TEST_F(ADownlink, SurvivesAReaderThatHasGone) {
+  close(reader);
+  reader = -1;
+  EXPECT_EQ(Send({2}), 0);
+}
+
+TEST_F(ADownlink, OpensTheDeviceAgainAfterAFailedWrite) {
+  close(reader);
+  ASSERT_EQ(Send({2}), 0);
+  reader = open(downlink.c_str(), O_RDONLY | O_NONBLOCK);
+  EXPECT_EQ(Send({3}), 1);
+}
+
+TEST_F(ADownlink, GivesUpWithinASecondWhenNobodyDrainsIt) {
+  while (Send(Bytes(lc::kMaxDownlinkPayload, 9)) != 0) {
+  }
+  const auto start = Clock::now();
+  EXPECT_EQ(Send(Bytes(lc::kMaxDownlinkPayload, 9)), 0);
+  EXPECT_LT(Clock::now() - start, 1s);
 }
 
 }  // namespace

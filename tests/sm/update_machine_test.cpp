@@ -1,143 +1,210 @@
 // The update state machine driven through a scripted helper. The helper
 // writes one marker line per call into the same stream as the machine's
 // trace, so each test sees the exact interleaving of trace and calls.
+#include "sm/update_machine.hpp"
+
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <deque>
-#include <functional>
 #include <stdexcept>
 #include <string>
 
-#include "sm/update_machine.hpp"
 #include "sm/updater_msm.hpp"
 #include "text.hpp"
 
 namespace {
 
 using namespace Updater::SM;
-using ::testing::EndsWith;
-using Updater::Testing::CountOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::HasSubstr;
+using Updater::Testing::Lines;
 using Updater::Testing::Stdout;
 
+// Each call leaves a marker line ("> send 5") in the trace.
 struct ScriptedHelper : Updater::Helpers::UpdateHelper {
-  int check = 1, first = 0;
-  bool haveFile = true;
+  int check = 1, first = 5;
   std::deque<int> sends, acks, nexts;  // when empty: 1, 3 and -1
 
-  int CheckForUpdate() override { return Record("CheckForUpdate()", check); }
-  bool HaveUpdateFile() override { return Record("HaveUpdateFile()", haveFile); }
-  int GetFirstUpdateBlock() override { return Record("GetFirstUpdateBlock()", first); }
-  int SendFirmwareBlock(int b) override { return Record("SendFirmwareBlock(" + std::to_string(b) + ")", Pop(sends, 1)); }
-  int WaitForAck(unsigned b) override { return Record("WaitForAck(" + std::to_string(b) + ")", Pop(acks, 3)); }
-  int GetNextFirmwareBlock() override { return Record("GetNextFirmwareBlock()", Pop(nexts, -1)); }
+  int CheckForUpdate() override { return Record("> check", check); }
+  bool HaveUpdateFile() override { return Record("> have file", true); }
+  int GetFirstUpdateBlock() override { return Record("> first", first); }
+  int SendFirmwareBlock(int b) override { return Record("> send " + std::to_string(b), Pop(sends, 1)); }
+  int WaitForAck(unsigned b) override { return Record("> wait " + std::to_string(b), Pop(acks, 3)); }
+  int GetNextFirmwareBlock() override { return Record("> next", Pop(nexts, -1)); }
 
   static int Pop(std::deque<int>& q, int fallback) {
-    const int v = q.empty() ? fallback : q.front();
-    if (!q.empty()) q.pop_front();
+    if (q.empty()) return fallback;
+    const int v = q.front();
+    q.pop_front();
     return v;
   }
-  template <class T> T Record(const std::string& call, T result) {
-    std::cout << "> " << call << std::endl;
+  template <class T>
+  T Record(const std::string& marker, T result) {
+    std::cout << marker << std::endl;
     return result;
   }
 };
 
-// Runs a whole update through the facade, as the program does. A death test's
-// matcher sees only stderr, so there the trace goes to stderr as well.
-void RunMachine(ScriptedHelper& helper, bool traceToStderr = false) {
-  if (traceToStderr) dup2(STDERR_FILENO, STDOUT_FILENO);
+// The death tests run the whole update through the facade, as the program does.
+void RunMachine(ScriptedHelper& helper) {
   UpdateMachine machine;
   machine.SetHelper(&helper);
   machine.start();
 }
-std::string RunUpdate(ScriptedHelper& helper) { return Stdout([&] { RunMachine(helper); }); }
 
-const std::string kDoneTail = "Exited: WaitingForAck\nEntered: Updating_UpdateDone\nExited: Updating_UpdateDone\n"
-                              "Exited: Updating\nAction: done_updating\nEntered: UpdateDone\n";
-
-// What the helper's answers make the machine do, call by call.
-TEST(UpdateMachine, AnswersAndTheCallsThatFollow) {
-  // Odd answers the machine takes as they come, in one two-block run, line by line.
-  ScriptedHelper odd, none, again;
-  odd.check = -7;         // any non-zero answer means an update
-  odd.haveFile = false;   // ignored on purpose: the helper reports it
-  odd.first = -1;         // no error; shown unsigned, then signed
-  odd.acks = {0, 3}, odd.nexts = {0};  // the next block at position 0, a block like any other
-  EXPECT_EQ(RunUpdate(odd),
-            "Entered: UpdateInit\n> CheckForUpdate()\n          Update needed, initiating...\nExited: UpdateInit\n"
-            "Entered: Updating\n> HaveUpdateFile()\nEntered: DeterminingFirstBlock\n> GetFirstUpdateBlock()\n"
-            "                First:4294967295\nReady with block #-1\nExited: DeterminingFirstBlock\n"
-            "Action: send_block\nEntered: SendingBlock: -1\n> SendFirmwareBlock(-1)\nExited: SendingBlock\n"
-            "Entered: WaitingForAck: 4294967295\n> WaitForAck(4294967295)\n> GetNextFirmwareBlock()\n"
-            "Ready with block #0\nExited: WaitingForAck\nAction: send_block\nEntered: SendingBlock: 0\n"
-            "> SendFirmwareBlock(0)\nExited: SendingBlock\nEntered: WaitingForAck: 0\n> WaitForAck(0)\n" + kDoneTail);
-  none.check = 0;
-  EXPECT_EQ(RunUpdate(none), "Entered: UpdateInit\n> CheckForUpdate()\n          Update not needed, exiting...\n"
-                             "Exited: UpdateInit\nEntered: UpdateDone\n");
-  // Status 1 three times: the same block four times, each announced.
-  again.first = 9, again.acks = {1, 1, 1};
-  const std::string trace = RunUpdate(again), resend = "> WaitForAck(9)\nReady with block #9\nExited: WaitingForAck\n"
-      "Action: send_block\nEntered: SendingBlock: 9\n> SendFirmwareBlock(9)\nExited: SendingBlock\nEntered: WaitingForAck: 9\n";
-  EXPECT_EQ(CountOf(trace, resend), 3u);
-  EXPECT_THAT(trace, EndsWith(resend + "> WaitForAck(9)\n" + kDoneTail));
-  // Any other status: the machine rests where it is, silently.
-  for (int status : {2, 4, -1, 0x7fffffff}) {
-    ScriptedHelper h;
-    h.acks = {status};
-    EXPECT_THAT(RunUpdate(h), EndsWith("Entered: WaitingForAck: 0\n> WaitForAck(0)\n")) << status;  // every call leaves a marker
+struct AnUpdateMachine : ::testing::Test {
+  std::vector<std::string> Run() {
+    LendHelper(machine, &helper);
+    return Lines(Stdout([&] { machine.start(); }));
   }
+  ScriptedHelper helper;
+  updaterMSM machine;
+};
+
+TEST_F(AnUpdateMachine, EndsInUpdateDoneWhenNoUpdateIsNeeded) {
+  helper.check = 0;
+  EXPECT_THAT(Run(), ElementsAre("Entered: UpdateInit", "> check", "          Update not needed, exiting...",
+                                 "Exited: UpdateInit", "Entered: UpdateDone"));
 }
 
-// Events with no row are reported with the state's number and changed nothing:
-// by the sub-machine when it refuses them, by the top machine otherwise.
-TEST(UpdateMachine, RefusedEvents) {
-  // start: whether the machine runs first, the helper answering `ack`; sub, top: the states afterwards
-  const struct { bool start; int ack; std::function<void(updaterMSM&)> post; std::string out; int sub, top; } rows[] = {
-      // Resting in WaitingForAck.
-      {true, 2, [](updaterMSM& m) { m.get_state<Updating&>().process_event(block_sent{3}), m.process_event(update_needed{}); },
-       "UpdaterSub_:: no transition from state 1 on event N7Updater2SM10block_sentE\n"
-       "updaterMSM:: no transition from state 1 on event N7Updater2SM13update_neededE\n", 1, 1},
-      // Finished: UpdateDone refuses everything, the sub-machine stays in its exit point.
-      {true, 3, [](updaterMSM& m) { m.process_event(no_update{}), m.process_event(last_block_ack{}); },
-       "updaterMSM:: no transition from state 3 on event N7Updater2SM9no_updateE\n"
-       "updaterMSM:: no transition from state 3 on event N7Updater2SM14last_block_ackE\n", 3, 3},
-      // No run posts update_error from UpdateInit; the row is there all the same.
-      {false, 3, [](updaterMSM& m) { m.process_event(update_error{}), m.process_event(update_needed{}); },
-       "Exited: UpdateInit\nEntered: UpdateError\n"
-       "updaterMSM:: no transition from state 2 on event N7Updater2SM13update_neededE\n", 0, 2},
-  };
-  for (const auto& row : rows) {
-    ScriptedHelper h;
-    h.acks = {row.ack};
-    updaterMSM machine;
-    LendHelper(machine, &h);
-    if (row.start) Stdout([&] { machine.start(); });
-    // Exactly these lines: no marker, so nothing more was asked of the helper.
-    EXPECT_EQ(Stdout([&] { row.post(machine); }), row.out);
-    EXPECT_EQ(std::make_pair(machine.get_state<Updating&>().current_state()[0], machine.current_state()[0]),
-              std::make_pair(row.sub, row.top)) << row.out;
-  }
+TEST_F(AnUpdateMachine, TracesAnUpdateWhoseOnlyBlockIsSentTwice) {
+  helper.acks = {1, 3};
+  const char* expected = R"(Entered: UpdateInit
+> check
+          Update needed, initiating...
+Exited: UpdateInit
+Entered: Updating
+> have file
+Entered: DeterminingFirstBlock
+> first
+                First:5
+Ready with block #5
+Exited: DeterminingFirstBlock
+Action: send_block
+Entered: SendingBlock: 5
+> send 5
+Exited: SendingBlock
+Entered: WaitingForAck: 5
+> wait 5
+Ready with block #5
+Exited: WaitingForAck
+Action: send_block
+Entered: SendingBlock: 5
+> send 5
+Exited: SendingBlock
+Entered: WaitingForAck: 5
+> wait 5
+Exited: WaitingForAck
+Entered: Updating_UpdateDone
+Exited: Updating_UpdateDone
+Exited: Updating
+Action: done_updating
+Entered: UpdateDone)";
+  EXPECT_THAT(Run(), ElementsAreArray(Lines(expected)));
 }
 
-TEST(UpdateMachineDeathTest, ErrorExitsAndExceptions) {
-  ScriptedHelper failedSend, noNext;
-  failedSend.sends = {0}, noNext.acks = {0};
-  EXPECT_EXIT(RunMachine(failedSend, true), testing::ExitedWithCode(255),
-              "Entered: SendingBlock: 0\n> SendFirmwareBlock\\(0\\)\nExited: SendingBlock\nEntered: Updating_ErrorExit\n$");
-  EXPECT_EXIT(RunMachine(noNext, true), testing::ExitedWithCode(255),
-              "> GetNextFirmwareBlock\\(\\)\nDidn't get an ACK... exiting\\?\nExited: WaitingForAck\nEntered: Updating_ErrorExit\n$");
-  struct ThrowsInLoop : ScriptedHelper { int WaitForAck(unsigned) override { throw std::runtime_error("gone"); } } inLoop;
-  EXPECT_EXIT(RunMachine(inLoop, true), testing::KilledBySignal(SIGABRT), "Assertion `false' failed");
+TEST_F(AnUpdateMachine, TakesAnyNonZeroCheckResultAsAnUpdate) {
+  helper.check = -7;
+  EXPECT_THAT(Run(), Contains("          Update needed, initiating..."));
+}
 
-  // The check runs in the initial entry, outside any event's processing, so even
-  // a standard exception leaves start() as is; inside a transition only
-  // non-standard ones get through.
-  struct ThrowsAtCheck : ScriptedHelper { int CheckForUpdate() override { throw std::runtime_error("boom"); } } atCheck;
-  struct ThrowsInt : ScriptedHelper { int WaitForAck(unsigned) override { throw -1; } } intInLoop;
-  Stdout([&] { EXPECT_THROW(RunMachine(atCheck), std::runtime_error); });
-  Stdout([&] { EXPECT_THROW(RunMachine(intInLoop), int); });
+// -1 is no error to the machine: it is sent like any other block.
+TEST_F(AnUpdateMachine, ShowsANegativeFirstBlockUnsignedOnlyWhereItIsUnsigned) {
+  helper.first = -1;
+  EXPECT_THAT(Run(), ::testing::IsSupersetOf({"                First:4294967295", "Ready with block #-1",
+                                              "Entered: SendingBlock: -1", "> send -1",
+                                              "Entered: WaitingForAck: 4294967295", "> wait 4294967295"}));
+}
+
+// Block 0 is a block like any other.
+TEST_F(AnUpdateMachine, SendsTheBlockNamedNextAfterAnAck) {
+  helper.acks = {0, 3};
+  helper.nexts = {0};
+  EXPECT_THAT(Stdout([&] { RunMachine(helper); }),
+              HasSubstr("> wait 5\n> next\nReady with block #0\nExited: WaitingForAck\nAction: send_block\n"
+                        "Entered: SendingBlock: 0\n> send 0\n"));
+}
+
+struct UnknownStatus {
+  std::string name;
+  int status;
+};
+void PrintTo(const UnknownStatus& row, std::ostream* os) { *os << row.name; }
+
+class AnUpdateMachineGivenAnUnknownStatus : public AnUpdateMachine,
+                                            public ::testing::WithParamInterface<UnknownStatus> {};
+
+TEST_P(AnUpdateMachineGivenAnUnknownStatus, RestsSilentlyWhereItIs) {
+  helper.acks = {GetParam().status};
+  EXPECT_EQ(Run().back(), "> wait 5");
+}
+
+const UnknownStatus kUnknownStatuses[] = {
+    {"Two", 2},
+    {"Four", 4},
+    {"MinusOne", -1},
+};
+INSTANTIATE_TEST_SUITE_P(Statuses, AnUpdateMachineGivenAnUnknownStatus, ::testing::ValuesIn(kUnknownStatuses),
+                         [](const auto& info) { return info.param.name; });
+
+// Events without a row are reported with the state's number and change nothing. The
+// helper's markers would show if anything more were asked of it.
+TEST_F(AnUpdateMachine, ReportsABlockSentWhileWaitingForAnAck) {
+  helper.acks = {2};
+  Run();
+  EXPECT_EQ(Stdout([&] { machine.get_state<Updating&>().process_event(block_sent{3}); }),
+            "UpdaterSub_:: no transition from state 1 on event N7Updater2SM10block_sentE\n");
+  EXPECT_EQ(machine.get_state<Updating&>().current_state()[0], 1);
+}
+
+TEST_F(AnUpdateMachine, ReportsALastBlockAckOnceDone) {
+  Run();
+  EXPECT_EQ(Stdout([&] { machine.process_event(last_block_ack{}); }),
+            "updaterMSM:: no transition from state 3 on event N7Updater2SM14last_block_ackE\n");
+  EXPECT_EQ(machine.current_state()[0], 3);
+}
+
+// No run posts update_error from UpdateInit; the row is there all the same.
+TEST_F(AnUpdateMachine, EntersUpdateErrorOnAnUpdateErrorBeforeItsStart) {
+  EXPECT_EQ(Stdout([&] { machine.process_event(update_error{}); }),
+            "Exited: UpdateInit\nEntered: UpdateError\n");
+  EXPECT_EQ(machine.current_state()[0], 2);
+}
+
+// A death test's matcher sees only stderr, so there the trace goes to stderr as well.
+void RunMachineTracingToStderr(ScriptedHelper& helper) {
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+  RunMachine(helper);
+}
+
+TEST(AnUpdateMachineDeathTest, ExitsWith255AfterAFailedSend) {
+  ScriptedHelper helper;
+  helper.sends = {0};
+  EXPECT_EXIT(RunMachineTracingToStderr(helper), testing::ExitedWithCode(255),
+              "> send 5\nExited: SendingBlock\nEntered: Updating_ErrorExit\n$");
+}
+
+TEST(AnUpdateMachineDeathTest, ExitsWith255WhenNoNextBlockIsNamed) {
+  ScriptedHelper helper;
+  helper.acks = {0};
+  EXPECT_EXIT(RunMachineTracingToStderr(helper), testing::ExitedWithCode(255),
+              "> next\nDidn't get an ACK... exiting\\?\nExited: WaitingForAck\n"
+              "Entered: Updating_ErrorExit\n$");
+}
+
+struct ThrowsWhileWaiting : ScriptedHelper {
+  int WaitForAck(unsigned) override { throw std::runtime_error("gone"); }
+};
+
+TEST(AnUpdateMachineDeathTest, AbortsOnAStandardExceptionInsideATransition) {
+  ThrowsWhileWaiting helper;
+  EXPECT_EXIT(RunMachineTracingToStderr(helper), testing::KilledBySignal(SIGABRT),
+              "Assertion `false' failed");
 }
 
 }  // namespace
