@@ -24,6 +24,7 @@ constexpr const char* kDefaultLockDir = "/run/firmware-updater";
 constexpr const char* kPrefix = "firmware-updater-camera-";
 constexpr const char* kSuffix = ".lock";
 constexpr auto kLockRetryPause = std::chrono::milliseconds(100);
+constexpr auto kHalfSecond = std::chrono::milliseconds(500);
 
 // FNV-1a, 64 bits: the same value for the same index in every build, unlike std::hash.
 std::uint64_t Fnv1a64(const std::string& text) {
@@ -114,9 +115,11 @@ int TakeCameraLock(const std::string& cameraIndex, Clock& clock,
     } else {
       const auto now = clock.Monotonic();
       if (now >= *deadline) {
+        // Rounded: the deadline was set a moment before the wait began, so
+        // the wait itself falls a hair short of the limit it ran out.
+        const auto waited = std::chrono::duration_cast<std::chrono::seconds>(now - start + kHalfSecond);
         Log::Error("Another update of camera [", cameraIndex, "] has held the lock for ",
-                   std::to_string(std::chrono::duration_cast<std::chrono::seconds>(now - start).count()),
-                   " s; not updating");
+                   std::to_string(waited.count()), " s; not updating");
         return Fail(fd);
       }
       clock.Sleep(std::min<std::chrono::nanoseconds>(kLockRetryPause, *deadline - now));
