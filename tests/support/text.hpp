@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
-#include <sstream>
 #include <string>
-#include <vector>
 
 #include "temp_dir.hpp"  // ReadFile
 
@@ -22,29 +20,13 @@ inline std::string RandomBytes(std::size_t n, unsigned seed) {
   for (auto& b : bytes) b = static_cast<char>(gen());
   return bytes;
 }
-// The lines of `text`, without their line ends.
-inline std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
 
 // What `f` wrote on standard output, on standard error, on both.
 namespace capture = ::testing::internal;
-template <class F>
-std::string Stdout(F&& f) {
-  return capture::CaptureStdout(), f(), capture::GetCapturedStdout();
-}
-template <class F>
-std::string Stderr(F&& f) {
-  return capture::CaptureStderr(), f(), capture::GetCapturedStderr();
-}
-struct Captured {
-  std::string out, err;
-};
-template <class F>
-Captured Capture(F&& f) {
+template <class F> std::string Stdout(F&& f) { return capture::CaptureStdout(), f(), capture::GetCapturedStdout(); }
+template <class F> std::string Stderr(F&& f) { return capture::CaptureStderr(), f(), capture::GetCapturedStderr(); }
+struct Captured { std::string out, err; };
+template <class F> Captured Capture(F&& f) {
   capture::CaptureStdout(), capture::CaptureStderr();
   f();
   return {capture::GetCapturedStdout(), capture::GetCapturedStderr()};
