@@ -418,6 +418,8 @@ const StallRow kStalls[] = {
     // and the eighth such round ends the loop.
     {"OnePositionForEver", {"--next=3-:128"}, /*limit=*/"0", /*sends=*/11, /*slept=*/12600ms, /*at=*/128},
     {"ErrorAnswers", {"--error=WaitForAck"}, /*limit=*/"0", /*sends=*/8, /*slept=*/12600ms, /*at=*/0},
+    // An empty chunk at the end of the image moves nothing forward, however far it lies.
+    {"EmptyChunksAtTheEnd", {"--next=3-:1000", "--ack-status=4-:0"}, "0", 11, 12600ms, /*at=*/1000},
 };
 class ABlockLoop : public CamdBusTest, public ::testing::WithParamInterface<StallRow> {
  protected:
@@ -507,6 +509,8 @@ const WholeRow kWholes[] = {
     {"Resumed", {"--first=1024", "--preload="}, 1500},  // camd holds the image up to the position it names
     {"NineInTenLost", {"--loss-rate=0.9", "--seed=5"}, 1000},  // within the default stall limit
     {"ImageReplacedAfterTheCheck", {}, 1000, /*replaced=*/true},
+    // Progress in between starts the count of idle rounds afresh: five, progress, five more.
+    {"IdleRoundsBetweenProgress", {"--next=2-6:0", "--next=9-13:128"}, 1000},
 };
 class AWholeUpdate : public CamdBusTest, public ::testing::WithParamInterface<WholeRow> {
  protected:
@@ -527,9 +531,11 @@ class AWholeUpdate : public CamdBusTest, public ::testing::WithParamInterface<Wh
   const std::string image_ = RandomBytes(GetParam().bytes, 4);
 };
 
-TEST_P(AWholeUpdate, DeliversTheImageByteForByte) {
+// camd's verdict: what it holds matches the announced length and checksum.
+TEST_P(AWholeUpdate, DeliversTheAnnouncedImageByteForByte) {
   Run();
   EXPECT_EQ(ReadFile(OutPath()), image_);
+  EXPECT_THAT(sim_->Out(), HasSubstr("VERDICT ok camera=0 bytes=" + std::to_string(image_.size()) + " "));
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, AWholeUpdate, ValuesIn(kWholes), RowName<WholeRow>);
