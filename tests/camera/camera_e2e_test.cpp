@@ -42,8 +42,8 @@ const RunRow kRuns[] = {
     {"Updated", "--version=2", nullptr, /*status=*/0, /*dbusErrors=*/0,
      "Entered: SendingBlock: 1380\nThis block: [1380], blockSize: [40]\n",
      "Action: done_updating\nEntered: UpdateDone\n" + kClosing, /*seconds=*/0},
-    {"SendRefused", "--fail-send=3", nullptr, /*status=*/255, /*dbusErrors=*/0, "Exited: SendingBlock\n",
-     kErrorExit, /*seconds=*/0},
+    {"SendRefused", "--fail-send=3", nullptr, /*status=*/255, /*dbusErrors=*/0, "This block: [80], blockSize",
+     "Exited: SendingBlock\n" + kErrorExit, /*seconds=*/0},
     {"NoNextBlock", "--negative-next=2", nullptr, /*status=*/255, /*dbusErrors=*/0,
      "Didn't get an ACK... exiting?\n", kErrorExit, /*seconds=*/0},
     // Nothing ever acknowledged: the stall limit ends what would run forever.
