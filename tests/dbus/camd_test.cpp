@@ -335,8 +335,14 @@ TEST_F(AnUpdateCheck, AnnouncesTheChecksumOfTheWholeImage) {
               HasSubstr("\nChecksum:" + ReferenceCrc(image) + "\n"));
 }
 
-// camd's positions and lengths are signed 32-bit. The largest takes seconds: its checksum is read through.
-TEST_F(AnUpdateCheck, AnnouncesTheLargestImageCamdCanAddress) { EXPECT_EQ(Check({}, (1ull << 31) - 1), 1); }
+// camd's positions and lengths are signed 32-bit. The largest costs a read of 2 GiB for its checksum: seconds
+// natively, too long under a sanitizer or an emulator, where the plain build's run stands for it.
+TEST_F(AnUpdateCheck, AnnouncesTheLargestImageCamdCanAddress) {
+#if defined(__SANITIZE_ADDRESS__) || defined(FWU_EMULATED)
+  GTEST_SKIP();
+#endif
+  EXPECT_EQ(Check({}, (1ull << 31) - 1), 1);
+}
 
 TEST_F(AnUpdateCheck, RefusesAnImageOneByteLarger) {
   EXPECT_EQ(Check({}, 1ull << 31), 0);
