@@ -2,16 +2,13 @@
 #pragma once
 
 #include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <boost/crc.hpp>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
 #include <memory>
 
@@ -23,11 +20,20 @@
 
 namespace Updater::Testing {
 
-// CRC-16/CCITT-FALSE in lower-case hex, spelled out here (poly 0x1021, init 0xFFFF, no reflection, no final XOR).
+// CRC-16/CCITT-FALSE in lower-case hex, spelled out here (poly 0x1021, init 0xFFFF, no reflection, no final
+// XOR).
 inline std::string ReferenceCrc(const std::string& bytes) {
   boost::crc_optimal<16, 0x1021, 0xFFFF, 0, false, false> crc;
+  crc.process_bytes(bytes.data(), bytes.size());
   char text[8];
-  return crc.process_bytes(bytes.data(), bytes.size()), std::snprintf(text, sizeof text, "%x", crc.checksum()), text;
+  std::snprintf(text, sizeof text, "%x", crc.checksum());
+  return text;
+}
+
+// Names each case of a parameterised test after its row's `name`.
+template <class Row>
+std::string RowName(const ::testing::TestParamInfo<Row>& info) {
+  return info.param.name;
 }
 
 struct CamdBusTest : ::testing::Test {
@@ -35,32 +41,38 @@ struct CamdBusTest : ::testing::Test {
   static void TearDownTestSuite() { bus_.reset(); }
   void SetUp() override {
     std::cout.flags(std::ios::dec | std::ios::skipws);  // the update check leaves it hexadecimal
-    setenv("QUORVEX_FIRMWARE_DIR", fw_.path().c_str(), 1), setenv("QUORVEX_LOCK_DIR", fw_.path().c_str(), 1);
+    setenv("QUORVEX_FIRMWARE_DIR", fw_.path().c_str(), 1);
+    setenv("QUORVEX_LOCK_DIR", fw_.path().c_str(), 1);
   }
   void TearDown() override {
-    for (const char* name : {"QUORVEX_FIRMWARE_DIR", "QUORVEX_LOCK_DIR", "QUORVEX_STALL_SECONDS", "NOTIFY_SOCKET"}) unsetenv(name);
+    for (const char* name :
+         {"QUORVEX_FIRMWARE_DIR", "QUORVEX_LOCK_DIR", "QUORVEX_STALL_SECONDS", "NOTIFY_SOCKET"})
+      unsetenv(name);
   }
 
-  void StartSim(std::vector<std::string> args) {  // writing what it receives to OutPath(); the old one frees the name
-    sim_.reset(), std::filesystem::remove(OutPath()), args.push_back("--out=" + OutPath());
+  // The simulator writes what it receives to OutPath(); the one before goes first and frees the bus name.
+  void StartSim(std::vector<std::string> args) {
+    sim_.reset();
+    std::filesystem::remove(OutPath());
+    args.push_back("--out=" + OutPath());
     sim_ = std::make_unique<ChildProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir(), "camd-sim[*]: serving");
   }
-  std::size_t SimCalls(const std::string& method) const {  // calls of `method` that the simulator has answered so far
+  std::size_t SimCalls(
+      const std::string& method) const {  // calls of `method` that the simulator has answered
     return CountOf(sim_->Log(), "]: " + method + " ") + CountOf(sim_->Log(), "]: " + method + "\n");
   }
   std::string AddPackage(int version, const std::string& bytes) {  // for region 0; returns its path
     return fw_.Write("camera-region0-" + std::to_string(version) + ".bin", bytes);
   }
   std::string OutPath() const { return fw_ / "received.bin"; }
-  // Camera 0's lock, taken by a descriptor of the test's until ReleaseLock().
+  // Camera 0's lock, held by a descriptor of the test's until the test ends.
   void HoldLock(uid_t owner = 0) {
     held_ = open((fw_ / "firmware-updater-camera-0.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     EXPECT_EQ(fchown(held_, owner, owner), 0);
     EXPECT_EQ(flock(held_, LOCK_EX), 0);
   }
-  void ReleaseLock() {
+  ~CamdBusTest() override {
     if (held_ >= 0) close(held_);
-    held_ = -1;
   }
 
   static inline std::unique_ptr<PrivateBus> bus_;
