@@ -10,7 +10,6 @@
 
 #include <filesystem>
 #include <iostream>
-#include <sstream>
 
 #include "board.hpp"
 #include "fake_clock.hpp"
@@ -199,9 +198,11 @@ class TheAckWait : public BoardHelperTest {
     Stdout([&] { status = helper.WaitForAck(0); });
     return status;
   }
-  Captured WaitInVain() {  // for a chunk the board never reports
-    Stdout([&] { helper.SendBlock(0, {1}); });
-    return Capture([&] { EXPECT_EQ(helper.WaitForAck(0), 1); });
+  void WaitInVain() {  // for a chunk the board never reports
+    Capture([&] {
+      helper.SendBlock(0, {1});
+      EXPECT_EQ(helper.WaitForAck(0), 1);
+    });
   }
 };
 
@@ -238,8 +239,7 @@ TEST_F(TheUpdateCheck, GivesUpAfter102PollsOfASilentBoard) {
 struct ChunkCase {
   std::string name;
   int position;
-  int sent;             // what the send returns
-  std::string warning;  // a pattern for standard error
+  int sent;  // what the send returns
 };
 void PrintTo(const ChunkCase& row, std::ostream* os) { *os << row.name; }
 
@@ -256,16 +256,14 @@ class AnAnnouncedImage : public BoardHelperTest {
 class AChunkPosition : public AnAnnouncedImage, public testing::WithParamInterface<ChunkCase> {};
 
 TEST_P(AChunkPosition, IsSentUpToTheEndOfTheImage) {
-  const auto err = Stderr(
-      [&] { Stdout([&] { EXPECT_EQ(helper.SendFirmwareBlock(GetParam().position), GetParam().sent); }); });
-  EXPECT_THAT(err, testing::MatchesRegex(GetParam().warning));
+  Capture([&] { EXPECT_EQ(helper.SendFirmwareBlock(GetParam().position), GetParam().sent); });
 }
 
 const ChunkCase kChunkCases[] = {
-    {"EndingAtTheEnd", 936, /*sent=*/1, ""},
-    {"RunningPastTheEnd", 960, /*sent=*/1, ".*past file.*only read \\[40\\] bytes\\.\n"},
-    {"AtTheEnd", 1000, /*sent=*/1, ".*past file.*only read \\[0\\] bytes\\.\n"},
-    {"PastTheEnd", 1001, /*sent=*/0, "Calculated chunk start of \\[1001\\] which is larger .*"},
+    {"EndingAtTheEnd", 936, /*sent=*/1},
+    {"RunningPastTheEnd", 960, /*sent=*/1},
+    {"AtTheEnd", 1000, /*sent=*/1},
+    {"PastTheEnd", 1001, /*sent=*/0},
 };
 INSTANTIATE_TEST_SUITE_P(Positions, AChunkPosition, testing::ValuesIn(kChunkCases), RowName<ChunkCase>);
 
@@ -327,9 +325,8 @@ void PrintTo(const BoardCase& row, std::ostream* os) { *os << row.name; }
 class AnUpdateOfTheSimulatedBoard : public BoardHelperTest, public testing::WithParamInterface<BoardCase> {
  protected:
   void SetUp() override {
-    std::vector<std::string> args = {
-        "tallyvane-sim",   "--uplink", dir / "uplink", "--downlink",        dir / "downlink",
-        "--board-version", "5",        "--out",        dir / "received.bin"};
+    std::vector<std::string> args = {"tallyvane-sim",   "--uplink", "u",     "--downlink",        "d",
+                                     "--board-version", "5",        "--out", dir / "received.bin"};
     args.insert(args.end(), GetParam().simArgs.begin(), GetParam().simArgs.end());
     std::vector<char*> argv;
     for (auto& arg : args) argv.push_back(arg.data());
@@ -359,7 +356,7 @@ class AnUpdateOfTheSimulatedBoard : public BoardHelperTest, public testing::With
       got.resize(static_cast<std::size_t>(std::max<ssize_t>(0, read(uplink[0], got.data(), got.size()))));
       helper.Receive(got.data(), got.size());
     };
-    out = Stdout([&] { Update(); });
+    Stdout([&] { Update(); });
     clock.onSleep = nullptr;
     close(uplink[0]);
     close(uplink[1]);
@@ -377,7 +374,7 @@ class AnUpdateOfTheSimulatedBoard : public BoardHelperTest, public testing::With
       ADD_FAILURE() << e.what();
     }
   }
-  std::string image, said, verdict, out;
+  std::string image, said, verdict;
 };
 
 TEST_P(AnUpdateOfTheSimulatedBoard, CostsWhatItsFaultsName) {
