@@ -8,9 +8,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <iostream>
-
 #include "board.hpp"
 #include "fake_clock.hpp"
 #include "helpers/tallyvane/tallyvane.hpp"
@@ -44,10 +41,7 @@ Bytes Damaged(Bytes frame, std::size_t at) {
   frame[at] ^= 0x10;
   return frame;
 }
-template <class Row>
-std::string RowName(const testing::TestParamInfo<Row>& info) {
-  return info.param.name;
-}
+const auto kRowName = [](const auto& info) { return info.param.name; };
 
 class BoardHelperTest : public testing::Test {
  protected:
@@ -58,8 +52,6 @@ class BoardHelperTest : public testing::Test {
     setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir / "downlink").c_str(), 1);
     setenv("QUORVEX_FIRMWARE_DIR", dir.path().c_str(), 1);
     setenv("QUORVEX_TALLYVANE_VERSION_FILE", dir.Write("board-version", "5\n").c_str(), 1);
-    std::cout << std::dec;  // a helper before us may have left it in hexadecimal
-    Tallyvane::lastProgressPrint = clock.Now() - 1h;
   }
   ~BoardHelperTest() override { close(tap); }
   std::vector<Bytes>
@@ -118,7 +110,6 @@ struct ReadCase {
   std::size_t gulps = 0;  // lines saying the rest of the read was dropped
   int next = -1;          // the position a report in the read asked for; -1 when none was taken
 };
-void PrintTo(const ReadCase& row, std::ostream* os) { *os << row.name; }
 const Bytes kReport = Frame(ReceivedFirmwareBlock(-1, 128));
 const Bytes kUnsynced(kReport.begin() + 2, kReport.end());
 const Bytes kUnknown = Damaged(Frame(UpdateComplete()), 3);  // type 51, which no packet has
@@ -142,7 +133,7 @@ const ReadCase kReadCases[] = {
     {"DamagedReport", Concat({kBadReport, kReport}), /*chokes=*/15, /*gulps=*/0, /*next=*/128},
     {"DamagedThenUnsynced", Concat({kBadReport, {0x12}, kUnsynced}), /*chokes=*/29, /*gulps=*/0},
 };
-INSTANTIATE_TEST_SUITE_P(Reads, ARead, testing::ValuesIn(kReadCases), RowName<ReadCase>);
+INSTANTIATE_TEST_SUITE_P(Reads, ARead, testing::ValuesIn(kReadCases), kRowName);
 
 class TheSendPath : public BoardHelperTest {
  protected:
@@ -236,7 +227,7 @@ TEST_F(AnAnnouncedImage, HasNoChunkPastItsEnd) {
 
 TEST_F(AnAnnouncedImage, IsRefusedWhenAFifoTakesItsPlace) {
   const std::string path = dir / "tallyvane-7.bin";
-  std::filesystem::remove(path);
+  unlink(path.c_str());
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   const auto out = Stdout([&] { EXPECT_EQ(helper.SendFirmwareBlock(0), 0); });
   EXPECT_THAT(out, HasSubstr("Firmware package [" + path + "] is not a regular file; not updating"));
@@ -274,16 +265,14 @@ TEST_F(AConcurrentUpdate, GivesUpOnceTheBoardHasBeenSilentForTheStallLimit) {
 // The helper against the board simulator (faults named as on its command line), which answers whenever the
 // helper waits, driven as the machine drives it. The board judges the image by announced length and byte sum.
 const char* const kOk = "VERDICT ok bytes=[0-9]+ checksum=[0-9a-f]{4} version=7";
-const char* const kNone = "";
 struct BoardCase {
   std::string name;
   std::vector<std::string> simArgs;
   std::size_t chunks;             // firmware blocks the board received; none when nothing was announced
-  std::string verdict;            // a pattern for the board's verdict
+  std::string verdict;            // a pattern for the board's verdict; empty when it gave none
   std::size_t replacedBy = 0;     // bytes of another image written over it after the check; 0: none
   std::size_t imageBytes = 1000;  // of version 7, against the board's 5
 };
-void PrintTo(const BoardCase& row, std::ostream* os) { *os << row.name; }
 
 class AnUpdateOfTheSimulatedBoard : public BoardHelperTest, public testing::WithParamInterface<BoardCase> {
  protected:
@@ -319,12 +308,12 @@ class AnUpdateOfTheSimulatedBoard : public BoardHelperTest, public testing::With
       got.resize(static_cast<std::size_t>(std::max<ssize_t>(0, read(uplink[0], got.data(), got.size()))));
       helper.Receive(got.data(), got.size());
     };
-    Stdout([&] { Update(); });
+    Stdout([&] { UpdateToTheEnd(); });
     clock.onSleep = nullptr;
     close(uplink[0]);
     close(uplink[1]);
   }
-  void Update() {  // up to the last chunk or a failure
+  void UpdateToTheEnd() {  // or to a failure
     try {
       if (helper.CheckForUpdate() != 1) return;
       if (GetParam().replacedBy > 0) dir.Write("tallyvane-7.bin", RandomBytes(GetParam().replacedBy, 10));
@@ -353,17 +342,16 @@ TEST_P(AnUpdateOfTheSimulatedBoard, EndsWithTheBoardsVerdict) {
 const BoardCase kBoardCases[] = {
     {"Clean", {}, /*chunks=*/16, kOk},
     {"LargeImage", {}, /*chunks=*/3125, kOk, /*replacedBy=*/0, /*imageBytes=*/200000},
-    {"ImageOfTheBoardsVersion", {"--board-version", "7"}, /*chunks=*/0, kNone},
+    {"ImageOfTheBoardsVersion", {"--board-version", "7"}, /*chunks=*/0, ""},
     {"StartMidImage", {"--start", "600"}, /*chunks=*/17, kOk},  // up to the end, then from 0
     {"ReportDropped", {"--drop-reports", "5"}, /*chunks=*/17, kOk},
     {"ReportCorrupted", {"--corrupt-frame", "10"}, /*chunks=*/17, kOk},
     {"GarbageBeforeAReport", {"--garbage-before", "10"}, /*chunks=*/17, kOk},
-    {"AcknowledgementDropped", {"--drop-ack-every", "5"}, /*chunks=*/3, kNone},  // the next chunk waits
-    {"ErrorMidWay", {"--error-after", "3"}, /*chunks=*/3, kNone},
+    {"AcknowledgementDropped", {"--drop-ack-every", "5"}, /*chunks=*/3, ""},  // the next chunk waits
+    {"ErrorMidWay", {"--error-after", "3"}, /*chunks=*/3, ""},
     {"ImageReplaced", {}, /*chunks=*/16, "VERDICT bad-checksum bytes=1000 .*", /*replacedBy=*/1000},
     {"ImageGrown", {}, /*chunks=*/16, "VERDICT bad-length bytes=1001 expected=1000", /*replacedBy=*/1001},
 };
-INSTANTIATE_TEST_SUITE_P(Faults, AnUpdateOfTheSimulatedBoard, testing::ValuesIn(kBoardCases),
-                         RowName<BoardCase>);
+INSTANTIATE_TEST_SUITE_P(Faults, AnUpdateOfTheSimulatedBoard, testing::ValuesIn(kBoardCases), kRowName);
 
 }  // namespace
