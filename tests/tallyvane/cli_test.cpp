@@ -56,7 +56,6 @@ TEST(TheDefaultRun, ChecksInVainThenReadsTheBoardUntilStopped) {
       spoke = write(fd, frame, sizeof frame) == sizeof frame;
       close(fd);
     }
-    // Time to show that it does not end on its own.
     return doneAt && Clock::now() - *doneAt > 1500ms && out.find("\tflash Sector: [2]") != std::string::npos;
   };
   const auto run = RunProcess(UpdaterBinary(), {"tallyvane"}, options);

@@ -247,6 +247,10 @@ class AConcurrentUpdate : public AnAnnouncedImage {
   static void SetUpTestSuite() { setenv("QUORVEX_STALL_SECONDS", "2", 1); }
 };
 
+TEST_F(AConcurrentUpdate, SendsTheAnnouncementAsSoonAsTheRequestBeforeItIsAcknowledged) {
+  EXPECT_THAT(SentTypes(), ElementsAre(kRequestUpdateInfo, kUpdateAvailable));
+}
+
 TEST_F(AConcurrentUpdate, GivesUpOnceTheBoardHasBeenSilentForTheStallLimit) {
   Feed(Frame(ReceivedFirmwareBlock(-1, 0)));
   const auto sendInVain = [&] {  // whether the chunk was sent

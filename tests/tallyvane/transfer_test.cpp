@@ -33,9 +33,8 @@ void Append(Bytes& out, const VYRCam::Packet& packet) {  // as a frame from the 
   packet.Pack(out.data() + out.size() - packet.Length());
 }
 
-// A data path that fails on every read (end-of-file or an error, as an empty file, a directory or a dead
-// driver does) is retried after a pause that doubles up to a second, and the frames of a plain file are
-// handled once, however often it is reopened. Two seconds of the real clock show both.
+// A data path failing every read (end-of-file or an error) is retried after a pause doubling up to a second;
+// a plain file's frames are handled once, however often it is reopened. Two real seconds show both.
 struct DeadLink {
   std::string name;
   std::string failure;          // the line each failed read prints
@@ -138,7 +137,6 @@ TEST_F(AFifoDevice, ReopensTwoThousandTimesWithoutLeakingADescriptor) {
     return std::distance(directory_iterator("/proc/self/fd"), directory_iterator());
   };
   const auto before = descriptors();
-  // A writer that connects while the loop is between its close and its open simply connects again.
   const auto connectOnce = [&] {  // whether the device has been reopened often enough
     close(Connect());
     return Reopens() >= 2001;
