@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include "fake_clock.hpp"
@@ -34,23 +33,27 @@ void Append(Bytes& out, const VYRCam::Packet& packet) {  // as a frame from the 
   packet.Pack(out.data() + out.size() - packet.Length());
 }
 
-// A data path that fails on every read (end-of-file or an error, as an empty file, a directory or a dead
-// driver does) is retried after a pause that doubles up to a second, and the frames of a plain file are
-// handled once, however often it is reopened. Two seconds of the real clock show both.
+// A data path failing every read (end-of-file or an error) is retried after a pause doubling up to a second;
+// a plain file's frames are handled once, however often it is reopened. Two real seconds show both.
 struct DeadLink {
   std::string name;
-  void (*make)(const std::string& path);
-  std::string failure;  // the line each failed read prints
-  std::size_t completions = 0;
+  std::string failure;          // the line each failed read prints
+  bool directory = false;       // or a plain file of `completions` completions, each forgotten again
+  std::size_t completions = 0;  // by an update error
 };
-void PrintTo(const DeadLink& row, std::ostream* os) { *os << row.name; }
 
 class ADeadDataPath : public testing::TestWithParam<DeadLink> {};
 
 TEST_P(ADeadDataPath, IsRetriedAtAPaceThatSlowsDown) {
   TempDir dir;
   setenv("QUORVEX_TALLYVANE_DOWNLINK", (dir / "downlink").c_str(), 1);
-  GetParam().make(dir / "data");
+  Bytes frames;
+  for (std::size_t i = 0; i < GetParam().completions; ++i) {
+    Append(frames, VYRCam::UpdateComplete());
+    Append(frames, VYRCam::UpdateError());
+  }
+  if (GetParam().directory) mkdir((dir / "data").c_str(), 0700);
+  if (!GetParam().directory) dir.Write("data", std::string(frames.begin(), frames.end()));
   Tallyvane helper(dir / "data", Updater::SystemClock());
   const auto seen = Capture([&] {
     std::thread reader([&] { helper.RunReader(); });
@@ -63,21 +66,13 @@ TEST_P(ADeadDataPath, IsRetriedAtAPaceThatSlowsDown) {
   EXPECT_EQ(CountOf(seen.out, "that the update has completed!"), GetParam().completions);
 }
 
-void WriteFrames(const std::string& path) {  // a completion, then an update error that forgets it
-  Bytes frames;
-  Append(frames, VYRCam::UpdateComplete());
-  Append(frames, VYRCam::UpdateError());
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(frames.data()), frames.size());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Paths, ADeadDataPath,
-    testing::Values(DeadLink{"EmptyFile", [](const std::string& path) { std::ofstream{path}; },
-                             "Read 0 bytes"},
-                    DeadLink{"Directory", [](const std::string& path) { mkdir(path.c_str(), 0700); },
-                             "read() EOD: Is a directory"},
-                    DeadLink{"FileOfFrames", WriteFrames, "Read 0 bytes", 1}),
-    [](const testing::TestParamInfo<DeadLink>& info) { return info.param.name; });
+const DeadLink kDeadLinks[] = {
+    {"EmptyFile", "Read 0 bytes"},
+    {"Directory", "read() EOD: Is a directory", /*directory=*/true},
+    {"FileOfFrames", "Read 0 bytes", /*directory=*/false, /*completions=*/1},
+};
+INSTANTIATE_TEST_SUITE_P(Paths, ADeadDataPath, testing::ValuesIn(kDeadLinks),
+                         [](const testing::TestParamInfo<DeadLink>& info) { return info.param.name; });
 
 // The receive loop alone on a FIFO of ours, its output counted from a file as it comes.
 class AFifoDevice : public testing::Test {
@@ -108,26 +103,24 @@ class AFifoDevice : public testing::Test {
     for (ssize_t n; (n = pread(out, chunk, sizeof chunk, consumed)) > 0; consumed += n) {
       tail.append(chunk, static_cast<std::size_t>(n));
       reopens += CountOf(tail, "Read 0 bytes");
-      chokes += CountOf(tail, "CHOKE");
-      tail.erase(
-          0, tail.size() - std::min<std::size_t>(tail.size(), 11));  // a split "Read 0 bytes", never whole
+      tail.erase(0, tail.size() - std::min<std::size_t>(tail.size(), 11));  // never a whole "Read 0 bytes"
     }
     return reopens;
   }
   TempDir dir;
   const std::string device = dir / "data";
-  FakeClock clock;  // keeps progress lines and "ouch" reminders out
+  FakeClock clock;  // keeps progress lines and "ouch" reminders out, and counts pauses
   Tallyvane helper{device, clock};
   const int out = open((dir / "out").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   const int console = dup(STDOUT_FILENO);
   std::thread reader;
   std::string tail;
-  std::size_t reopens = 0, chokes = 0;
+  std::size_t reopens = 0;
   off_t consumed = 0;
 };
 
 TEST_F(AFifoDevice, TakesABurstOf1024BytesInOneRead) {
-  Bytes burst;  // whole frames, the update information last
+  Bytes burst;  // whole frames, the update information last: a burst cut in two loses it
   Append(burst, VYRCam::UpdateError());
   for (int i = 0; i < 111; ++i) Append(burst, VYRCam::DatalinkPacketAck(static_cast<std::uint8_t>(i), true));
   Append(burst, VYRCam::UpdateInfo(7, 3, 64, 2));
@@ -136,27 +129,21 @@ TEST_F(AFifoDevice, TakesABurstOf1024BytesInOneRead) {
   EXPECT_EQ(write(fd, burst.data(), burst.size()), 1024);
   EXPECT_TRUE(WaitUntil([&] { return helper.State().haveUpdateInfo == 1; }, 5000ms));
   close(fd);
-  EXPECT_EQ(helper.State().flashSector, 2);
-  WaitUntil([&] { return Reopens() == 2; }, 5000ms);
-  EXPECT_EQ(chokes, 0u);
 }
 
-TEST_F(AFifoDevice, ReopensForEachOf2000WritersWithoutLeakingADescriptor) {
+TEST_F(AFifoDevice, ReopensAtOnceTwoThousandTimesWithoutLeakingADescriptor) {
   const auto descriptors = [] {
     using std::filesystem::directory_iterator;
     return std::distance(directory_iterator("/proc/self/fd"), directory_iterator());
   };
   const auto before = descriptors();
-  // A writer that connects while the loop is between its close and its open leaves no hang-up on the new
-  // descriptor; it simply connects again.
-  for (auto end = std::chrono::steady_clock::now() + 60s;
-       Reopens() < 2001 && std::chrono::steady_clock::now() < end;) {
-    const auto before = reopens;
+  const auto connectOnce = [&] {  // whether the device has been reopened often enough
     close(Connect());
-    WaitUntil([&] { return Reopens() > before; }, 20ms);
-  }
-  EXPECT_EQ(reopens, 2001u);
+    return Reopens() >= 2001;
+  };
+  EXPECT_TRUE(WaitUntil(connectOnce, 60000ms));
   EXPECT_EQ(descriptors(), before);
+  EXPECT_EQ(clock.Slept(), 0ns) << "a writer leaving a FIFO is no failure to pace";
 }
 
 }  // namespace
