@@ -1,7 +1,5 @@
-// The Update Modules, their generator and the inventory script under the real Mender client, standalone,
-// against camd-sim on a private bus and tallyvane-sim on FIFOs, in the mount namespace of mender_sandbox.sh.
+// The Update Modules, their generator and the inventory script under the real Mender client, standalone.
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 #include "camd_fixture.hpp"
 
@@ -24,37 +22,29 @@ struct MenderTest : CamdBusTest {
                 {"QUORVEX_TALLYVANE_DOWNLINK", dir_ / "down"},
                 {"QUORVEX_TALLYVANE_VERSION_FILE", dir_ / "version"}};
   }
-  ProcessResult InSandbox(std::vector<std::string> args) {
-    args.insert(args.begin(), kSource);
+  ProcessResult Mender(std::vector<std::string> args) {  // in the sandbox
+    args.insert(args.begin(), {kSource, "mender", "--no-syslog", "-c", dir_ / "conf", "-b", dir_ / "none",
+                               "-d", dir_.path()});
     return RunProcess(kTests + "mender_sandbox.sh", args, env_);
   }
-  ProcessResult Mender(const std::string& command) {  // install a.mender, commit, show-artifact
-    std::vector<std::string> args = {"mender", "--no-syslog", "-c",    dir_ / "conf",    "-b", dir_ / "none",
-                                     "-d",     dir_.path(),   command, dir_ / "a.mender"};
-    return InSandbox({args.begin(), args.end() - (command == "install" ? 0 : 1)});
-  }
-  // Installs and commits image_ as make_artifact.sh makes a.mender (`how`) for cameras 0 and 1, which
-  // camd-sim serves on version 2 unless `sim` says otherwise; returns what show-artifact names then.
+  // Installs and commits a.mender as make_artifact.sh makes it (`how`); returns what show-artifact names.
   std::string Deployed(std::vector<std::string> how, const std::string& sim = "--region=0") {
     StartSim({"--camera=0", "--camera=1", "--version=2", sim});
     dir_.Write("image.bin", image_);
     how.insert(how.begin(), {kSource, dir_.path()});
     EXPECT_EQ(RunProcess(kTests + "make_artifact.sh", how).exitStatus, 0);
-    const auto install = Mender("install");
-    log_ = install.err + install.out;
-    Mender("commit");
-    return Mender("show-artifact").out;
+    log_ = Mender({"install", dir_ / "a.mender"}).err;
+    Mender({"commit"});
+    return Mender({"show-artifact"}).out;
   }
   TempDir dir_;
   ProcessOptions env_;  // reaches the client, the module and through it the updater
   const std::string image_ = RandomBytes(3000, 5);
-  std::string log_;  // what the client wrote while it installed
+  std::string log_;  // what the client logged while it installed, the modules' standard error included
 };
 
-// The client shows the artifact only once camd reports version 3 for both cameras, which camd-sim does once
-// it holds the whole image announced as version 3.
+// "fw" only once camd reports version 3 for both cameras, as camd-sim does once it holds that whole image.
 struct AnInstall : MenderTest {};
-
 TEST_F(AnInstall, FlashesTheArtifactsImageAndNotANewerPackageBesideIt) {
   fw_.Write("camera-region0-9.bin", "newer");
   EXPECT_EQ(Deployed(kSigned), "fw\n");
@@ -80,14 +70,13 @@ struct Deployment {
   bool busAddress = true;                                     // the client's environment names camd's bus
 };
 struct ACameraDeployment : MenderTest, ::testing::WithParamInterface<Deployment> {};
-
 TEST_P(ACameraDeployment, EndsOnTheArtifactTheCamerasRun) {
   if (!GetParam().busAddress) env_.env.emplace_back("DBUS_SESSION_BUS_ADDRESS", "");
   EXPECT_EQ(Deployed(GetParam().how, GetParam().sim), GetParam().shows + "\n");
   EXPECT_THAT(log_, ::testing::HasSubstr(GetParam().logHas));
 }
 const Deployment kDeployments[] = {
-    {"VersionAtTheIntLimit", {"signed", "rsa.pem", "2147483647"}, "Use 'commit' to update", "fw"},
+    {"VersionAtTheIntLimit", {"signed", "rsa.pem", "2147483647"}, "authenticated digital signature", "fw"},
     {"Unsigned", {"unsigned"}, "expecting signed artifact"},
     {"SignedWithAnotherKey", {"signed", "ec.pem"}, "invalid signature"},
     {"TamperedAfterSigning", {"tampered", "data/0000.tar.gz"}, "invalid checksum"},
@@ -108,11 +97,9 @@ struct Refused {
   std::vector<std::string> args;
 };
 struct TheGenerator : MenderTest, ::testing::WithParamInterface<Refused> {};
-
 TEST_P(TheGenerator, FailsAndLeavesTheOutputAsItWas) {
-  std::vector<std::string> args = {"-n",        "fw", "-t", "x", "-o", dir_.Write("a.mender", "old"),
-                                   "--version", "3"};
-  args.insert(args.end(), {"--region", "0", "--camera", "0", dir_.Write("image", GetParam().image)});
+  std::vector<std::string> args = {"-n", "fw", "-t", "x", "--version", "3", "--region", "0", "--camera", "0"};
+  args.insert(args.end(), {"-o", dir_.Write("a.mender", "old"), dir_.Write("image", GetParam().image)});
   args.insert(args.end(), GetParam().args.begin(), GetParam().args.end());
   const auto entries = std::distance(fs::directory_iterator(dir_.path()), {});
   EXPECT_NE(RunProcess(kSource + "camera-firmware-artifact-gen", args).exitStatus, 0);
@@ -129,7 +116,6 @@ const Refused kGeneratorRefusals[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Mender, TheGenerator, ::testing::ValuesIn(kGeneratorRefusals), kByName);
 
-// Version 9 through the board's module and the concurrent mode.
 TEST_F(MenderTest, BoardInstallUpdatesTallyvaneSimByteForByte) {
   ChildProcess board(TALLYVANE_SIM_BIN,
                      {"--uplink", dir_ / "up", "--downlink", dir_ / "down", "--out", dir_ / "got",
@@ -139,12 +125,13 @@ TEST_F(MenderTest, BoardInstallUpdatesTallyvaneSimByteForByte) {
   EXPECT_EQ(ReadFile(dir_ / "got"), image_);
 }
 
-// Cameras 0 and 5 answer, 7 does not.
 TEST_F(MenderTest, InventoryHasALinePerCameraThatAnswersAndOneForTheBoard) {
-  StartSim({"--camera=0", "--camera=5", "--version=4"});
+  StartSim({"--camera=0", "--camera=5", "--version=4"});  // not camera 7, which the list names as well
   env_.env.emplace_back("QUORVEX_INVENTORY_CAMERAS", dir_.Write("cameras", "0\n# spare:\n5\n7\n"));
   dir_.Write("version", "9\n");
-  EXPECT_THAT(Lines(InSandbox({kSource + "mender-inventory-firmware"}).out),
+  const auto inventory =
+      RunProcess(kTests + "mender_sandbox.sh", {kSource, kSource + "mender-inventory-firmware"}, env_);
+  EXPECT_THAT(Lines(inventory.out),
               ::testing::ElementsAre("camera0_firmware_version=4", "camera5_firmware_version=4",
                                      "tallyvane_firmware_version=9"));
 }
