@@ -9,6 +9,7 @@ namespace {
 namespace fs = std::filesystem;
 const std::string kSource = FWU_SOURCE_DIR "/support/mender/", kTests = FWU_SOURCE_DIR "/tests/rollout/";
 const std::vector<std::string> kSigned = {"signed", "rsa.pem"};
+using ::testing::HasSubstr;
 const auto kByName = [](const auto& info) { return std::string(info.param.name); };
 
 struct MenderTest : CamdBusTest {
@@ -27,7 +28,6 @@ struct MenderTest : CamdBusTest {
                                "-d", dir_.path()});
     return RunProcess(kTests + "mender_sandbox.sh", args, env_);
   }
-  // Installs and commits a.mender as make_artifact.sh makes it (`how`); returns what show-artifact names.
   std::string Deployed(std::vector<std::string> how, const std::string& sim = "--region=0") {
     StartSim({"--camera=0", "--camera=1", "--version=2", sim});
     dir_.Write("image.bin", image_);
@@ -73,7 +73,7 @@ struct ACameraDeployment : MenderTest, ::testing::WithParamInterface<Deployment>
 TEST_P(ACameraDeployment, EndsOnTheArtifactTheCamerasRun) {
   if (!GetParam().busAddress) env_.env.emplace_back("DBUS_SESSION_BUS_ADDRESS", "");
   EXPECT_EQ(Deployed(GetParam().how, GetParam().sim), GetParam().shows + "\n");
-  EXPECT_THAT(log_, ::testing::HasSubstr(GetParam().logHas));
+  EXPECT_THAT(log_, HasSubstr(GetParam().logHas));
 }
 const Deployment kDeployments[] = {
     {"VersionAtTheIntLimit", {"signed", "rsa.pem", "2147483647"}, "authenticated digital signature", "fw"},
@@ -93,26 +93,26 @@ INSTANTIATE_TEST_SUITE_P(Mender, ACameraDeployment, ::testing::ValuesIn(kDeploym
 
 // Camera 0's artifact of version 3 from `image`, unless later options in `args` say otherwise.
 struct Refused {
-  std::string name, image;
+  std::string name, image, says;  // says: the generator's own reason, not mender-artifact's
   std::vector<std::string> args;
 };
 struct TheGenerator : MenderTest, ::testing::WithParamInterface<Refused> {};
-TEST_P(TheGenerator, FailsAndLeavesTheOutputAsItWas) {
+TEST_P(TheGenerator, RefusesAndLeavesTheOutputAsItWas) {
   std::vector<std::string> args = {"-n", "fw", "-t", "x", "--version", "3", "--region", "0", "--camera", "0"};
   args.insert(args.end(), {"-o", dir_.Write("a.mender", "old"), dir_.Write("image", GetParam().image)});
   args.insert(args.end(), GetParam().args.begin(), GetParam().args.end());
   const auto entries = std::distance(fs::directory_iterator(dir_.path()), {});
-  EXPECT_NE(RunProcess(kSource + "camera-firmware-artifact-gen", args).exitStatus, 0);
+  EXPECT_THAT(RunProcess(kSource + "camera-firmware-artifact-gen", args).err, HasSubstr(GetParam().says));
   EXPECT_EQ(ReadFile(dir_ / "a.mender"), "old");
   EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), entries) << "a temporary file is left";
 }
 const Refused kGeneratorRefusals[] = {
-    {"VersionAboveTheIntLimit", "image", {"--version", "2147483648"}},
-    {"VersionWithALeadingZero", "image", {"--version", "07"}},
-    {"RegionWithALeadingZero", "image", {"--region", "00"}},
-    {"CameraWithABlank", "image", {"--camera", "0 1"}},
-    {"EmptyImage", "", {}},
-    {"MenderArtifactWritingNothingWithStatusZero", "image", {"--", "-m", "/dev/null"}},
+    {"VersionAboveTheIntLimit", "image", "version must", {"--version", "2147483648"}},
+    {"VersionWithALeadingZero", "image", "version must", {"--version", "07"}},
+    {"RegionWithALeadingZero", "image", "region must", {"--region", "00"}},
+    {"CameraWithABlank", "image", "invalid camera index", {"--camera", "0 1"}},
+    {"EmptyImage", "", "image is empty", {}},
+    {"MenderArtifactWritingNothingWithStatusZero", "image", "wrote no artifact", {"--", "-m", "/dev/null"}},
 };
 INSTANTIATE_TEST_SUITE_P(Mender, TheGenerator, ::testing::ValuesIn(kGeneratorRefusals), kByName);
 
