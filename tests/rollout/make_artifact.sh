@@ -1,7 +1,8 @@
 #!/bin/sh
 # Writes DIR/a.mender, a camera-firmware artifact of DIR/image.bin for version
 # 3, region 0, cameras 0 and 1, made as HOW says:
-#   signed KEY        by the generator, signed with DIR/KEY (rsa.pem or ec.pem)
+#   signed KEY [V]    by the generator, signed with DIR/KEY (rsa.pem or ec.pem),
+#                     for version V instead of 3
 #   unsigned          by the generator, not signed
 #   tampered MEMBER   signed with rsa.pem, then its MEMBER (data/0000.tar.gz or
 #                     header.tar.gz) replaced by that of an artifact of version 4
@@ -9,13 +10,15 @@
 #   meta FILTER       by mender-artifact itself, signed with rsa.pem, with the
 #                     generator's meta-data passed through the jq FILTER
 #   empty             as meta ., with image.bin emptied first
+#   board             by the generator, for tallyvane-firmware version 9, signed
 # The keys are made first, with the README's commands, unless DIR has them.
-# Usage: make_artifact.sh SUPPORT_MENDER_DIR DIR HOW [ARG]
+# Usage: make_artifact.sh SUPPORT_MENDER_DIR DIR HOW [ARG [V]]
 set -eu
 gen=$1/camera-firmware-artifact-gen
 cd "$2"
 how=$3
 arg=${4:-}
+version=${5:-3}
 if [ ! -f rsa.pem ]; then
     openssl genrsa -traditional -out rsa.pem 2048 2>/dev/null
     openssl rsa -in rsa.pem -pubout -out rsa.pub 2>/dev/null
@@ -25,10 +28,11 @@ if [ "$how" = empty ]; then
     : >image.bin
     how=meta arg=.
 fi
-set -- -n fw -t camera-box --version 3 --region 0 --camera 0 --camera 1
+set -- -n fw -t camera-box --version "$version" --region 0 --camera 0 --camera 1
 case $how in
     signed) "$gen" "$@" -o a.mender image.bin -- -k "$arg" ;;
     unsigned) "$gen" "$@" -o a.mender image.bin ;;
+    board) "$gen" --tallyvane -n fw -t camera-box --version 9 -o a.mender image.bin -- -k rsa.pem ;;
     tampered)
         "$gen" "$@" -o a.mender image.bin -- -k rsa.pem
         mkdir -p other signed lender
