@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <thread>
+
 #include "common/clock.hpp"
 
 namespace Updater::Testing {
@@ -16,7 +17,9 @@ class FakeClock : public Updater::Clock {
   time_point Now() override { return time_point(std::chrono::nanoseconds(now_ns_.load())); }
   steady_point Monotonic() override { return steady_point(std::chrono::nanoseconds(now_ns_.load())); }
   void Sleep(std::chrono::nanoseconds d) override {
-    sleeps_.fetch_add(1), slept_ns_.fetch_add(d.count()), Advance(d);
+    sleeps_.fetch_add(1);
+    slept_ns_.fetch_add(d.count());
+    Advance(d);
     std::this_thread::yield();  // lets the other thread run, as a real sleep would
     if (onSleep) onSleep();
   }
@@ -39,7 +42,8 @@ class FakeClock : public Updater::Clock {
 
  private:
   // Starts well after the epoch so that "now minus a start point" is never negative.
-  std::atomic<std::int64_t> now_ns_{std::chrono::nanoseconds(std::chrono::hours(24 * 365 * 50)).count()}, slept_ns_{0};
+  std::atomic<std::int64_t> now_ns_{std::chrono::nanoseconds(std::chrono::hours(24 * 365 * 50)).count()},
+      slept_ns_{0};
   std::atomic<int> sleeps_{0};
 };
 

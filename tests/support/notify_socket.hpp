@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -29,7 +30,12 @@ class NotifySocket {
         if (poll(&p, 1, 20) > 0) Drain();
     });
   }
-  ~NotifySocket() { stop_ = true, reader_.join(), close(fd_), unlink(path.c_str()); }
+  ~NotifySocket() {
+    stop_ = true;
+    reader_.join();
+    close(fd_);
+    unlink(path.c_str());
+  }
   std::vector<std::string> Take() {
     Drain();
     std::lock_guard<std::mutex> lock(mutex_);
@@ -41,7 +47,8 @@ class NotifySocket {
   void Drain() {
     std::lock_guard<std::mutex> lock(mutex_);
     char buffer[4096];
-    for (ssize_t n; (n = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0;) messages_.emplace_back(buffer, n);
+    for (ssize_t n; (n = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0;)
+      messages_.emplace_back(buffer, n);
   }
   int fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   std::mutex mutex_;

@@ -1,10 +1,12 @@
 #include "subprocess.hpp"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -22,7 +24,8 @@ Command CommandFor(const std::string& path, const std::vector<std::string>& args
   for (std::string word; emulator >> word;) command.argv.push_back(word);
   const bool native = command.argv.empty();
   command.program = native ? path : command.argv.front();
-  if (!native && !argv0.empty()) command.argv.insert(command.argv.end(), {"-0", argv0});  // qemu-user's own option
+  if (!native && !argv0.empty())
+    command.argv.insert(command.argv.end(), {"-0", argv0});  // qemu-user's own option
   command.argv.push_back(native && !argv0.empty() ? argv0 : path);
   command.argv.insert(command.argv.end(), args.begin(), args.end());
   return command;
@@ -36,27 +39,33 @@ std::string UpdaterBinary() {
 ProcessResult RunProcess(const std::string& path, const std::vector<std::string>& args,
                          const ProcessOptions& options) {
   int outPipe[2], errPipe[2];
-  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
+    throw std::runtime_error("pipe failed");
   auto command = CommandFor(path, args, options.argv0);
   auto argv = command.ExecArgv();
   const auto started = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
-    dup2(outPipe[1], STDOUT_FILENO), dup2(errPipe[1], STDERR_FILENO);
+    dup2(outPipe[1], STDOUT_FILENO);
+    dup2(errPipe[1], STDERR_FILENO);
     setpgid(0, 0);  // a group of its own, so that our kill reaches what it started too
     for (const auto& [name, value] : options.env) setenv(name.c_str(), value.c_str(), 1);
     execvp(command.program.c_str(), argv.data());
     _exit(127);
   }
-  close(outPipe[1]), close(errPipe[1]);
+  close(outPipe[1]);
+  close(errPipe[1]);
   if (options.closedStdout) close(outPipe[0]);
   ProcessResult result;
   pollfd fds[2] = {{options.closedStdout ? -1 : outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
   std::string* sinks[2] = {&result.out, &result.err};
   using std::chrono::milliseconds, std::chrono::steady_clock;
   const auto since = [&] { return std::chrono::duration_cast<milliseconds>(steady_clock::now() - started); };
-  const auto end = [&](int signal) { kill(-pid, signal), result.timedOut = true; };
+  const auto end = [&](int signal) {
+    kill(-pid, signal);
+    result.timedOut = true;
+  };
   // Until both pipes close: the child and anything it started that kept them.
   while (fds[0].fd >= 0 || fds[1].fd >= 0) {
     const auto left = options.timeout - since();
@@ -67,12 +76,17 @@ ProcessResult RunProcess(const std::string& path, const std::vector<std::string>
       if (!fds[i].revents) continue;
       char buf[4096];
       const ssize_t n = read(fds[i].fd, buf, sizeof buf);
-      if (n > 0) sinks[i]->append(buf, static_cast<size_t>(n));
-      else if (n == 0 || (errno != EINTR && errno != EAGAIN)) close(fds[i].fd), fds[i].fd = -1;
+      if (n > 0) {
+        sinks[i]->append(buf, static_cast<size_t>(n));
+      } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+        close(fds[i].fd);
+        fds[i].fd = -1;
+      }
     }
     if (!result.timedOut && options.stopWhen && options.stopWhen(result.out, result.err)) end(SIGTERM);
   }
-  for (const auto& p : fds) if (p.fd >= 0) close(p.fd);
+  for (const auto& p : fds)
+    if (p.fd >= 0) close(p.fd);
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
   result.elapsed = since();
@@ -81,12 +95,12 @@ ProcessResult RunProcess(const std::string& path, const std::vector<std::string>
   return result;
 }
 
-ChildProcess::ChildProcess(const std::string& path, const std::vector<std::string>& args, const std::string& workDir,
-                           const std::string& readyText, bool native) {
+ChildProcess::ChildProcess(const std::string& path, const std::vector<std::string>& args,
+                           const std::string& workDir, const std::string& readyText, bool native) {
   static std::atomic<int> serial{0};
   stem_ = workDir + "/" + std::filesystem::path(path).filename().string() + "." + std::to_string(serial++);
-  auto command = CommandFor(path, args);
-  if (native) command = Command{path, {path}}, command.argv.insert(command.argv.end(), args.begin(), args.end());
+  auto command = native ? Command{path, {path}} : CommandFor(path, args);
+  if (native) command.argv.insert(command.argv.end(), args.begin(), args.end());
   auto argv = command.ExecArgv();
   if ((pid_ = fork()) < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
@@ -99,13 +113,16 @@ ChildProcess::ChildProcess(const std::string& path, const std::vector<std::strin
     _exit(127);
   }
   for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-       std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+       std::chrono::steady_clock::now() < deadline;
+       std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
     if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
       pid_ = -1;
       throw std::runtime_error(path + " exited at start: " + Log());
     }
     for (const std::string& said : {Out(), Log()})  // a whole line: what comes with it is there too
-      if (const auto at = said.find(readyText); at != std::string::npos && said.find('\n', at) != std::string::npos) return;
+      if (const auto at = said.find(readyText);
+          at != std::string::npos && said.find('\n', at) != std::string::npos)
+        return;
   }
   Stop();
   throw std::runtime_error(path + " was not ready: " + Log());

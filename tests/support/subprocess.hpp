@@ -1,11 +1,13 @@
 // Runs a program as a real child process and collects what it wrote.
 #pragma once
 #include <signal.h>
+
 #include <chrono>
 #include <functional>
 #include <string>
 #include <utility>
 #include <vector>
+
 #include "temp_dir.hpp"  // ReadFile
 
 namespace Updater::Testing {
@@ -40,7 +42,8 @@ struct Command {
     return v;
   }
 };
-Command CommandFor(const std::string& path, const std::vector<std::string>& args, const std::string& argv0 = "");
+Command CommandFor(const std::string& path, const std::vector<std::string>& args,
+                   const std::string& argv0 = "");
 
 // The firmware-updater under test: FWU_TEST_UPDATER (an installed copy) when set, else this tree's.
 std::string UpdaterBinary();
@@ -49,16 +52,18 @@ std::string UpdaterBinary();
 ProcessResult RunProcess(const std::string& path, const std::vector<std::string>& args,
                          const ProcessOptions& options = {});
 
-// `path` with `args` in the background (`native`: never through the emulator), its standard output and error in
-// files under `workDir`. Ready once a whole line holding `readyText` is in either; throws std::runtime_error when
-// it exits first or is not ready within 10 s.
+// `path` with `args` in the background (`native`: never through the emulator), its standard output and error
+// in files under `workDir`. Ready once a whole line holding `readyText` is in either; throws
+// std::runtime_error when it exits first or is not ready within 10 s.
 class ChildProcess {
  public:
   ChildProcess(const std::string& path, const std::vector<std::string>& args, const std::string& workDir,
                const std::string& readyText, bool native = false);
   ~ChildProcess();  // SIGTERM, then reaps it
   ChildProcess(const ChildProcess&) = delete;
-  void Kill() const { if (pid_ > 0) kill(pid_, SIGKILL); }  // at once, as a crash would
+  void Kill() const {
+    if (pid_ > 0) kill(pid_, SIGKILL);
+  }                                                             // at once, as a crash would
   std::string Out() const { return ReadFile(stem_ + ".out"); }  // what it wrote so far on standard output
   std::string Log() const { return ReadFile(stem_ + ".log"); }  // ... and on standard error
 

@@ -14,12 +14,16 @@ class TempDir {
   TempDir() : path_((std::filesystem::temp_directory_path() / "fwu-test-XXXXXX").string()) {
     if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   }
-  ~TempDir() { std::error_code ignored; std::filesystem::remove_all(path_, ignored); }
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
   const std::string& path() const { return path_; }
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-  std::string Write(const std::string& name, const std::string& contents = "x") const {  // returns the file's path
+  std::string Write(const std::string& name,
+                    const std::string& contents = "x") const {  // returns the file's path
     std::ofstream(*this / name, std::ios::binary | std::ios::trunc) << contents;
     return *this / name;
   }

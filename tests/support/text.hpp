@@ -34,18 +34,23 @@ inline std::string RandomBytes(std::size_t n, unsigned seed) {
 namespace capture = ::testing::internal;
 template <class F>
 std::string Stdout(F&& f) {
-  return capture::CaptureStdout(), f(), capture::GetCapturedStdout();
+  capture::CaptureStdout();
+  f();
+  return capture::GetCapturedStdout();
 }
 template <class F>
 std::string Stderr(F&& f) {
-  return capture::CaptureStderr(), f(), capture::GetCapturedStderr();
+  capture::CaptureStderr();
+  f();
+  return capture::GetCapturedStderr();
 }
 struct Captured {
   std::string out, err;
 };
 template <class F>
 Captured Capture(F&& f) {
-  capture::CaptureStdout(), capture::CaptureStderr();
+  capture::CaptureStdout();
+  capture::CaptureStderr();
   f();
   return {capture::GetCapturedStdout(), capture::GetCapturedStderr()};
 }
