@@ -127,15 +127,6 @@ INSTANTIATE_TEST_SUITE_P(Statuses, AnUpdateMachineGivenAnUnknownStatus, ::testin
                            return info.param < 0 ? "Negative" : "Status" + std::to_string(info.param);
                          });
 
-// Events without a row are reported with the state's number and change nothing.
-TEST_F(AnUpdateMachine, ReportsABlockSentWhileWaitingForAnAck) {
-  helper.acks = {2};
-  Run();
-  EXPECT_EQ(Stdout([&] { machine.get_state<Updating&>().process_event(block_sent{3}); }),
-            "UpdaterSub_:: no transition from state 1 on event N7Updater2SM10block_sentE\n");
-  EXPECT_EQ(machine.get_state<Updating&>().current_state()[0], 1);
-}
-
 // No run posts update_error from UpdateInit; the row is there all the same.
 TEST_F(AnUpdateMachine, EntersUpdateErrorOnAnUpdateErrorBeforeItsStart) {
   EXPECT_EQ(Stdout([&] { machine.process_event(update_error{}); }),
