@@ -110,6 +110,7 @@ const BadWire kBadWires[] = {
     {"OneByteShortOfItsLength", Blank<UpdateInfo>, Relength(kInfoWire, 17), kUnpackTruncated},
     {"LengthBelowHeaderAndCheck", Blank<FirmwareBlock>, Relength(kBlockWire, 4), kUnpackBadLength},
     {"BlockWithoutAWholePosition", Blank<FirmwareBlock>, Relength(kBlockWire, 8), kUnpackBadLength},
+    {"PayloadOneByteShortForItsClass", Blank<UpdateInfo>, Relength(kInfoWire, 15), kUnpackBadLength},
     {"AnotherType", Blank<UpdateComplete>, {0x05, 0x24, 0x5A, 0x16, 0xF1}, kUnpackWrongType},
 };
 INSTANTIATE_TEST_SUITE_P(Wires, APacketGivenABadWire, ::testing::ValuesIn(kBadWires), RowName<BadWire>);
