@@ -27,7 +27,7 @@ ProcessResult RunUpdater(const ProcessOptions& options = {}) {
 
 struct RunRow {
   std::string name;
-  std::string sim;    // its one option; none for camd absent
+  std::string sim;    // its one option; none: no camd-sim
   const char* limit;  // QUORVEX_STALL_SECONDS, when set
   int status;
   std::size_t dbusErrors;
