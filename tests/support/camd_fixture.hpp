@@ -6,8 +6,6 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include <boost/crc.hpp>
-#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -19,16 +17,6 @@
 #include "text.hpp"
 
 namespace Updater::Testing {
-
-// CRC-16/CCITT-FALSE in lower-case hex, spelled out here (poly 0x1021, init 0xFFFF, no reflection, no final
-// XOR).
-inline std::string ReferenceCrc(const std::string& bytes) {
-  boost::crc_optimal<16, 0x1021, 0xFFFF, 0, false, false> crc;
-  crc.process_bytes(bytes.data(), bytes.size());
-  char text[8];
-  std::snprintf(text, sizeof text, "%x", crc.checksum());
-  return text;
-}
 
 // Names each case of a parameterised test after its row's `name`.
 template <class Row>
