@@ -11,7 +11,7 @@
 
 #include "lc/downlink_frame.hpp"
 #include "lc/qel_arm_control.hpp"
-#include "temp_dir.hpp"
+#include "text.hpp"
 #include "vyrcam/libvyrcam.hpp"
 #include "vyrcam/packets.hpp"
 
@@ -20,13 +20,9 @@ namespace {
 using namespace VYRCam;
 using Bytes = std::vector<std::uint8_t>;
 using lc::QelArmControl;
+using Updater::Testing::RowName;
 using Package = std::pair<int, std::string>;
 using MakePacket = std::function<std::unique_ptr<Packet>()>;
-
-template <class T>
-std::string RowName(const ::testing::TestParamInfo<T>& info) {
-  return info.param.name;
-}
 
 Bytes Packed(const Packet& p) {
   Bytes out(static_cast<std::size_t>(p.Length()));
@@ -59,7 +55,6 @@ struct PacketCase {
   MakePacket filled, blank;
   Bytes wire;
 };
-void PrintTo(const PacketCase& row, std::ostream* os) { *os << row.name; }
 template <class T>
 PacketCase Case(std::string name, T packet, Bytes wire) {
   packet.SequenceNumber(0x5A);
@@ -98,7 +93,6 @@ struct BadWire {
   Bytes wire;  // all of it at hand
   int result;
 };
-void PrintTo(const BadWire& row, std::ostream* os) { *os << row.name; }
 class APacketGivenABadWire : public ::testing::TestWithParam<BadWire> {};
 
 TEST_P(APacketGivenABadWire, ReportsTheFirstFailure) {
@@ -133,7 +127,6 @@ struct PackageName {
   int region;
   int version;  // -1: the file does not count
 };
-void PrintTo(const PackageName& row, std::ostream* os) { *os << row.name; }
 class ACameraPackageName : public AScratchPlatform, public ::testing::WithParamInterface<PackageName> {};
 
 TEST_P(ACameraPackageName, CountsOnlyWithExactlyDecimalDigitsForItsRegion) {
@@ -173,7 +166,6 @@ struct VersionText {
   std::string text;
   int version;  // -1: not a version
 };
-void PrintTo(const VersionText& row, std::ostream* os) { *os << row.name; }
 class ABoardVersionFile : public AScratchPlatform, public ::testing::WithParamInterface<VersionText> {};
 
 TEST_P(ABoardVersionFile, HoldsOneDecimalNumberBetweenBlanks) {

@@ -18,12 +18,6 @@
 
 namespace Updater::Testing {
 
-// Names each case of a parameterised test after its row's `name`.
-template <class Row>
-std::string RowName(const ::testing::TestParamInfo<Row>& info) {
-  return info.param.name;
-}
-
 struct CamdBusTest : ::testing::Test {
   static void SetUpTestSuite() { bus_ = std::make_unique<PrivateBus>(); }
   static void TearDownTestSuite() { bus_.reset(); }
@@ -45,8 +39,8 @@ struct CamdBusTest : ::testing::Test {
     args.push_back("--out=" + OutPath());
     sim_ = std::make_unique<ChildProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir(), "camd-sim[*]: serving");
   }
-  std::size_t SimCalls(
-      const std::string& method) const {  // calls of `method` that the simulator has answered
+  // Calls of `method` that the simulator has answered.
+  std::size_t SimCalls(const std::string& method) const {
     return CountOf(sim_->Log(), "]: " + method + " ") + CountOf(sim_->Log(), "]: " + method + "\n");
   }
   std::string AddPackage(int version, const std::string& bytes) {  // for region 0; returns its path

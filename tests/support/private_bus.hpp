@@ -17,7 +17,6 @@ class PrivateBus {
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   const std::string& Dir() const { return dir_.path(); }  // a scratch directory that lives as long as the bus
-  void Kill() { daemon_->Kill(); }                        // whoever is connected loses the bus
 
  private:
   TempDir dir_;

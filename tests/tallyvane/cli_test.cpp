@@ -132,7 +132,6 @@ const BoardRun kRuns[] = {
     {"BoardForgetsTheUpdateMidTransfer", {"--error-after", "50"}, kGivenUp},
     {"BoardNeverAnswers", {}, kRefusal, /*within=*/13s, /*stallSeconds=*/"300", /*boardPresent=*/false},
 };
-INSTANTIATE_TEST_SUITE_P(Runs, AConcurrentBoardUpdate, testing::ValuesIn(kRuns),
-                         [](const testing::TestParamInfo<BoardRun>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Runs, AConcurrentBoardUpdate, testing::ValuesIn(kRuns), RowName<BoardRun>);
 
 }  // namespace
