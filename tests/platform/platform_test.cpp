@@ -136,7 +136,6 @@ TEST_P(ACameraPackageName, CountsOnlyWithExactlyDecimalDigitsForItsRegion) {
 }
 
 const PackageName kPackageNames[] = {
-    {"Plain", "camera-region1-19.bin", /*region=*/1, /*version=*/19},
     {"VersionZero", "camera-region1-0.bin", /*region=*/1, /*version=*/0},
     {"LargestVersion", "camera-region1-2147483647.bin", /*region=*/1, /*version=*/INT_MAX},
     {"WrapsPastInt", "camera-region1-4294967306.bin", /*region=*/1, /*version=*/-1},
@@ -174,7 +173,6 @@ TEST_P(ABoardVersionFile, HoldsOneDecimalNumberBetweenBlanks) {
 }
 
 const VersionText kVersionTexts[] = {
-    {"Plain", "97\n", 97},
     {"BlanksAround", " \t0 \r\n", 0},
     {"Largest", "2147483647", INT_MAX},
     {"PastInt", "2147483648", -1},

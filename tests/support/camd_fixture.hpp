@@ -12,8 +12,6 @@
 
 #include "fake_clock.hpp"
 #include "private_bus.hpp"
-#include "subprocess.hpp"
-#include "temp_dir.hpp"
 #include "text.hpp"
 
 namespace Updater::Testing {

@@ -3,7 +3,6 @@
 // data device is a FIFO of ours (QUORVEX_TALLYVANE_DATA), never the host's.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,7 +11,6 @@
 
 #include "notify_socket.hpp"
 #include "subprocess.hpp"
-#include "temp_dir.hpp"
 #include "text.hpp"
 #include "vyrcam/packets.hpp"
 

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,7 +11,6 @@
 #include "fake_clock.hpp"
 #include "helpers/tallyvane/tallyvane.hpp"
 #include "lc/downlink_frame.hpp"
-#include "temp_dir.hpp"
 #include "text.hpp"
 #include "vyrcam/packets.hpp"
 

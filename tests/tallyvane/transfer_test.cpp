@@ -9,7 +9,6 @@
 
 #include "fake_clock.hpp"
 #include "helpers/tallyvane/tallyvane.hpp"
-#include "temp_dir.hpp"
 #include "text.hpp"
 #include "vyrcam/packets.hpp"
 
