@@ -28,6 +28,7 @@ struct CamdBusTest : ::testing::Test {
     for (const char* name :
          {"QUORVEX_FIRMWARE_DIR", "QUORVEX_LOCK_DIR", "QUORVEX_STALL_SECONDS", "NOTIFY_SOCKET"})
       unsetenv(name);
+    if (held_ >= 0) close(held_);
   }
 
   // The simulator writes what it receives to OutPath(); the one before goes first and frees the bus name.
@@ -50,9 +51,6 @@ struct CamdBusTest : ::testing::Test {
     held_ = open((fw_ / "firmware-updater-camera-0.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     EXPECT_EQ(fchown(held_, owner, owner), 0);
     EXPECT_EQ(flock(held_, LOCK_EX), 0);
-  }
-  ~CamdBusTest() override {
-    if (held_ >= 0) close(held_);
   }
 
   static inline std::unique_ptr<PrivateBus> bus_;

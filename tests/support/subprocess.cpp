@@ -133,12 +133,6 @@ ChildProcess::ChildProcess(const std::string& path, const std::vector<std::strin
   throw std::runtime_error(path + " was not ready: " + Log());
 }
 
-ChildProcess::~ChildProcess() {
-  Stop();
-  std::error_code ignored;
-  for (const char* ext : {".out", ".log"}) std::filesystem::remove(stem_ + ext, ignored);
-}
-
 void ChildProcess::Stop() {
   if (pid_ <= 0) return;
   kill(pid_, SIGTERM);

@@ -43,7 +43,7 @@ class ChildProcess {
  public:
   ChildProcess(const std::string& path, const std::vector<std::string>& args, const std::string& workDir,
                const std::string& readyText, bool native = false);
-  ~ChildProcess();  // SIGTERM, then reaps it
+  ~ChildProcess() { Stop(); }  // SIGTERM, then reaps it; its files go with `workDir`
   ChildProcess(const ChildProcess&) = delete;
   std::string Out() const { return ReadFile(stem_ + ".out"); }  // what it wrote so far on standard output
   std::string Log() const { return ReadFile(stem_ + ".log"); }  // ... and on standard error
