@@ -84,7 +84,7 @@ TEST_P(AnUnreachableCamd, FailsEveryCallAfterFiveTries) {
   for (const auto& call : kCalls) {
     if (!call.fiveTries) continue;
     long result = 42;
-    const std::string err = Stderr([&] { result = call.call(camera_.Proxy()); });
+    const std::string err = Capture([&] { result = call.call(camera_.Proxy()); }).err;
     EXPECT_EQ(result, call.failure) << call.name;
     EXPECT_EQ(CountOf(err, "Dbus::Error: " + GetParam().error), 5u) << call.name << err;
   }
@@ -127,7 +127,7 @@ TEST_F(ACameraLock, IsTakenWithinATenthOfASecondOfItsRelease) {
     held_ = -1;
   };
   int fd = -1;
-  Stderr([&] { fd = Helpers::TakeCameraLock("0", clock_, clock_.Monotonic() + 5s); });
+  Capture([&] { fd = Helpers::TakeCameraLock("0", clock_, clock_.Monotonic() + 5s); });
   EXPECT_EQ(clock_.Slept(), 1100ms);
   close(fd);
 }
@@ -233,7 +233,7 @@ TEST_F(AnAnnouncement, CarriesTheChecksumOfTheWholeImage) {
   AddPackage(2, image);
   StartSim({});
   Helpers::VyrCamera camera("0", clock_);
-  EXPECT_THAT(Stdout([&] { camera.CheckForUpdate(); }),
+  EXPECT_THAT(Capture([&] { camera.CheckForUpdate(); }).out,
               HasSubstr("\nChecksum:e8c1\n"));  // CRC-16/CCITT-FALSE, worked out bit by bit
 }
 
@@ -290,7 +290,7 @@ class ABlockLoop : public CamdBusTest, public ::testing::WithParamInterface<Stal
     setenv("QUORVEX_STALL_SECONDS", GetParam().limit, 1);
     Helpers::VyrCamera camera("0", clock_);
     int sends = 0;
-    Stdout([&] {
+    Capture([&] {
       camera.CheckForUpdate();
       int block = camera.GetFirstUpdateBlock();
       for (; sends <= GetParam().sends && camera.SendFirmwareBlock(block); ++sends)

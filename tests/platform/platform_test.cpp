@@ -11,7 +11,7 @@
 
 #include "lc/downlink_frame.hpp"
 #include "lc/qel_arm_control.hpp"
-#include "temp_dir.hpp"
+#include "text.hpp"
 #include "vyrcam/libvyrcam.hpp"
 #include "vyrcam/packets.hpp"
 
@@ -20,13 +20,9 @@ namespace {
 using namespace VYRCam;
 using Bytes = std::vector<std::uint8_t>;
 using lc::QelArmControl;
+using Updater::Testing::RowName;
 using Package = std::pair<int, std::string>;
 using MakePacket = std::function<std::unique_ptr<Packet>()>;
-
-template <class T>
-std::string RowName(const ::testing::TestParamInfo<T>& info) {
-  return info.param.name;
-}
 
 Bytes Packed(const Packet& p) {
   Bytes out(static_cast<std::size_t>(p.Length()));
@@ -59,7 +55,6 @@ struct PacketCase {
   MakePacket filled, blank;
   Bytes wire;
 };
-void PrintTo(const PacketCase& row, std::ostream* os) { *os << row.name; }
 template <class T>
 PacketCase Case(std::string name, T packet, Bytes wire) {
   packet.SequenceNumber(0x5A);
@@ -98,7 +93,6 @@ struct BadWire {
   Bytes wire;  // all of it at hand
   int result;
 };
-void PrintTo(const BadWire& row, std::ostream* os) { *os << row.name; }
 class APacketGivenABadWire : public ::testing::TestWithParam<BadWire> {};
 
 TEST_P(APacketGivenABadWire, ReportsTheFirstFailure) {
@@ -133,7 +127,6 @@ struct PackageName {
   int region;
   int version;  // -1: the file does not count
 };
-void PrintTo(const PackageName& row, std::ostream* os) { *os << row.name; }
 class ACameraPackageName : public AScratchPlatform, public ::testing::WithParamInterface<PackageName> {};
 
 TEST_P(ACameraPackageName, CountsOnlyWithExactlyDecimalDigitsForItsRegion) {
@@ -143,7 +136,6 @@ TEST_P(ACameraPackageName, CountsOnlyWithExactlyDecimalDigitsForItsRegion) {
 }
 
 const PackageName kPackageNames[] = {
-    {"Plain", "camera-region1-19.bin", /*region=*/1, /*version=*/19},
     {"VersionZero", "camera-region1-0.bin", /*region=*/1, /*version=*/0},
     {"LargestVersion", "camera-region1-2147483647.bin", /*region=*/1, /*version=*/INT_MAX},
     {"WrapsPastInt", "camera-region1-4294967306.bin", /*region=*/1, /*version=*/-1},
@@ -173,7 +165,6 @@ struct VersionText {
   std::string text;
   int version;  // -1: not a version
 };
-void PrintTo(const VersionText& row, std::ostream* os) { *os << row.name; }
 class ABoardVersionFile : public AScratchPlatform, public ::testing::WithParamInterface<VersionText> {};
 
 TEST_P(ABoardVersionFile, HoldsOneDecimalNumberBetweenBlanks) {
@@ -182,7 +173,6 @@ TEST_P(ABoardVersionFile, HoldsOneDecimalNumberBetweenBlanks) {
 }
 
 const VersionText kVersionTexts[] = {
-    {"Plain", "97\n", 97},
     {"BlanksAround", " \t0 \r\n", 0},
     {"Largest", "2147483647", INT_MAX},
     {"PastInt", "2147483648", -1},

@@ -10,7 +10,6 @@ namespace fs = std::filesystem;
 const std::string kSource = FWU_SOURCE_DIR "/support/mender/", kTests = FWU_SOURCE_DIR "/tests/rollout/";
 const std::vector<std::string> kSigned = {"signed", "rsa.pem"};
 using ::testing::HasSubstr;
-const auto kByName = [](const auto& info) { return std::string(info.param.name); };
 
 struct MenderTest : CamdBusTest {
   void SetUp() override {
@@ -89,7 +88,7 @@ const Deployment kDeployments[] = {
     {"CamerasOnANewerVersion", kSigned, "camera 0 runs version 5, not 3", "factory", "--version=5"},
     {"OneCameraChanged", kSigned, "camera 1 runs version unknown", "fw_INCONSISTENT", "--exit-after=240"},
 };
-INSTANTIATE_TEST_SUITE_P(Mender, ACameraDeployment, ::testing::ValuesIn(kDeployments), kByName);
+INSTANTIATE_TEST_SUITE_P(Mender, ACameraDeployment, ::testing::ValuesIn(kDeployments), RowName<Deployment>);
 
 // Camera 0's artifact of version 3 from `image`, unless later options in `args` say otherwise.
 struct Refused {
@@ -114,7 +113,7 @@ const Refused kGeneratorRefusals[] = {
     {"EmptyImage", "", "image is empty", {}},
     {"MenderArtifactWritingNothingWithStatusZero", "image", "wrote no artifact", {"--", "-m", "/dev/null"}},
 };
-INSTANTIATE_TEST_SUITE_P(Mender, TheGenerator, ::testing::ValuesIn(kGeneratorRefusals), kByName);
+INSTANTIATE_TEST_SUITE_P(Mender, TheGenerator, ::testing::ValuesIn(kGeneratorRefusals), RowName<Refused>);
 
 TEST_F(MenderTest, BoardInstallUpdatesTallyvaneSimByteForByte) {
   ChildProcess board(TALLYVANE_SIM_BIN,

@@ -1,6 +1,5 @@
-// The update state machine driven through a scripted helper. The helper
-// writes one marker line per call into the same stream as the machine's
-// trace, so each test sees the exact interleaving of trace and calls.
+// The update state machine driven through a scripted helper. The helper writes one marker line per call into
+// the same stream as the machine's trace, so each test sees the exact interleaving of trace and calls.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -18,9 +17,9 @@ using namespace Updater::SM;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
+using Updater::Testing::Capture;
 using Updater::Testing::CountOf;
 using Updater::Testing::Lines;
-using Updater::Testing::Stdout;
 
 // Each call leaves a marker line ("> send 5") in the trace.
 struct ScriptedHelper : Updater::Helpers::UpdateHelper {
@@ -52,7 +51,7 @@ struct AnUpdateMachine : ::testing::Test {
     machine.start();
   }
   std::vector<std::string> Run() {
-    return Lines(Stdout([&] { Start(); }));
+    return Lines(Capture([&] { Start(); }).out);
   }
   // A death test's matcher sees only stderr, so there the trace goes to stderr as well.
   void RunTracingToStderr() {
@@ -99,7 +98,7 @@ Entered: UpdateDone)";
 
 TEST_F(AnUpdateMachine, SendsTheSameBlockAgainAfterStatusOne) {
   helper.acks = {1, 3};
-  EXPECT_EQ(CountOf(Stdout([&] { Start(); }), "> send 5\n"), 2u);
+  EXPECT_EQ(CountOf(Capture([&] { Start(); }).out, "> send 5\n"), 2u);
 }
 
 TEST_F(AnUpdateMachine, TakesAnyNonZeroCheckResultAsAnUpdate) {
@@ -129,7 +128,7 @@ INSTANTIATE_TEST_SUITE_P(Statuses, AnUpdateMachineGivenAnUnknownStatus, ::testin
 
 // No run posts update_error from UpdateInit; the row is there all the same.
 TEST_F(AnUpdateMachine, EntersUpdateErrorOnAnUpdateErrorBeforeItsStart) {
-  EXPECT_EQ(Stdout([&] { machine.process_event(update_error{}); }),
+  EXPECT_EQ(Capture([&] { machine.process_event(update_error{}); }).out,
             "Exited: UpdateInit\nEntered: UpdateError\n");
   EXPECT_EQ(machine.current_state()[0], 2);
 }

@@ -12,17 +12,9 @@
 
 #include "fake_clock.hpp"
 #include "private_bus.hpp"
-#include "subprocess.hpp"
-#include "temp_dir.hpp"
 #include "text.hpp"
 
 namespace Updater::Testing {
-
-// Names each case of a parameterised test after its row's `name`.
-template <class Row>
-std::string RowName(const ::testing::TestParamInfo<Row>& info) {
-  return info.param.name;
-}
 
 struct CamdBusTest : ::testing::Test {
   static void SetUpTestSuite() { bus_ = std::make_unique<PrivateBus>(); }
@@ -36,6 +28,7 @@ struct CamdBusTest : ::testing::Test {
     for (const char* name :
          {"QUORVEX_FIRMWARE_DIR", "QUORVEX_LOCK_DIR", "QUORVEX_STALL_SECONDS", "NOTIFY_SOCKET"})
       unsetenv(name);
+    if (held_ >= 0) close(held_);
   }
 
   // The simulator writes what it receives to OutPath(); the one before goes first and frees the bus name.
@@ -45,8 +38,8 @@ struct CamdBusTest : ::testing::Test {
     args.push_back("--out=" + OutPath());
     sim_ = std::make_unique<ChildProcess>(FWU_CAMD_SIM_BIN, args, bus_->Dir(), "camd-sim[*]: serving");
   }
-  std::size_t SimCalls(
-      const std::string& method) const {  // calls of `method` that the simulator has answered
+  // Calls of `method` that the simulator has answered.
+  std::size_t SimCalls(const std::string& method) const {
     return CountOf(sim_->Log(), "]: " + method + " ") + CountOf(sim_->Log(), "]: " + method + "\n");
   }
   std::string AddPackage(int version, const std::string& bytes) {  // for region 0; returns its path
@@ -58,9 +51,6 @@ struct CamdBusTest : ::testing::Test {
     held_ = open((fw_ / "firmware-updater-camera-0.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     EXPECT_EQ(fchown(held_, owner, owner), 0);
     EXPECT_EQ(flock(held_, LOCK_EX), 0);
-  }
-  ~CamdBusTest() override {
-    if (held_ >= 0) close(held_);
   }
 
   static inline std::unique_ptr<PrivateBus> bus_;

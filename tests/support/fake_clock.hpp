@@ -17,7 +17,6 @@ class FakeClock : public Updater::Clock {
   time_point Now() override { return time_point(std::chrono::nanoseconds(now_ns_.load())); }
   steady_point Monotonic() override { return steady_point(std::chrono::nanoseconds(now_ns_.load())); }
   void Sleep(std::chrono::nanoseconds d) override {
-    sleeps_.fetch_add(1);
     slept_ns_.fetch_add(d.count());
     Advance(d);
     std::this_thread::yield();  // lets the other thread run, as a real sleep would
@@ -37,14 +36,12 @@ class FakeClock : public Updater::Clock {
   static constexpr std::chrono::milliseconds kWaitStep{1};
   std::function<void()> onSleep;  // the test's turn, e.g. as the far end, while the code under test waits
   void Advance(std::chrono::nanoseconds d) { now_ns_.fetch_add(d.count()); }
-  int Sleeps() const { return sleeps_.load(); }
   std::chrono::nanoseconds Slept() const { return std::chrono::nanoseconds(slept_ns_.load()); }
 
  private:
   // Starts well after the epoch so that "now minus a start point" is never negative.
   std::atomic<std::int64_t> now_ns_{std::chrono::nanoseconds(std::chrono::hours(24 * 365 * 50)).count()},
       slept_ns_{0};
-  std::atomic<int> sleeps_{0};
 };
 
 }  // namespace Updater::Testing

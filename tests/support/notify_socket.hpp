@@ -1,7 +1,6 @@
-// A datagram socket standing in for systemd's notification socket
-// (NOTIFY_SOCKET=path). Like the service manager it reads as lines arrive, so
-// a sender never finds its queue full. Take() returns what arrived since the
-// last call.
+// A datagram socket standing in for systemd's notification socket (NOTIFY_SOCKET=path). Like the service
+// manager it reads as lines arrive, so a sender never finds its queue full. Take() returns what arrived since
+// the last call.
 #pragma once
 #include <poll.h>
 #include <sys/socket.h>

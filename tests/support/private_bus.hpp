@@ -1,9 +1,8 @@
 // A private D-Bus session bus for tests. PrivateBus starts its own dbus-daemon, a child of ours that dies
 // with us, and points DBUS_SESSION_BUS_ADDRESS (here, and so in every child started afterwards) at it, so the
-// host's bus is never touched; it stops the daemon and restores the variable when it goes.
+// host's bus is never touched; it stops the daemon and unsets the variable when it goes.
 #pragma once
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "subprocess.hpp"
@@ -17,12 +16,10 @@ class PrivateBus {
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   const std::string& Dir() const { return dir_.path(); }  // a scratch directory that lives as long as the bus
-  void Kill() { daemon_->Kill(); }                        // whoever is connected loses the bus
 
  private:
   TempDir dir_;
   std::unique_ptr<ChildProcess> daemon_;
-  std::optional<std::string> oldAddress_;
 };
 
 }  // namespace Updater::Testing

@@ -11,25 +11,41 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
 namespace Updater::Testing {
 
-Command CommandFor(const std::string& path, const std::vector<std::string>& args, const std::string& argv0) {
+namespace {
+
+// Forks a child that runs `inChild` and then execs `path` with `args`, through the emulator unless `native`;
+// `argv0`, when not empty, is the program's argv[0].
+pid_t Spawn(const std::string& path, const std::vector<std::string>& args, const std::string& argv0,
+            bool native, const std::function<void()>& inChild) {
   const char* named = std::getenv("FWU_TEST_EMULATOR");
-  std::istringstream emulator(named ? named : FWU_TEST_EMULATOR_DEFAULT);
-  Command command;
-  for (std::string word; emulator >> word;) command.argv.push_back(word);
-  const bool native = command.argv.empty();
-  command.program = native ? path : command.argv.front();
-  if (!native && !argv0.empty())
-    command.argv.insert(command.argv.end(), {"-0", argv0});  // qemu-user's own option
-  command.argv.push_back(native && !argv0.empty() ? argv0 : path);
-  command.argv.insert(command.argv.end(), args.begin(), args.end());
-  return command;
+  std::istringstream emulator(native ? "" : named ? named : FWU_TEST_EMULATOR_DEFAULT);
+  std::vector<std::string> words{std::istream_iterator<std::string>(emulator), {}};
+  const bool direct = words.empty();
+  if (!direct && !argv0.empty()) words.insert(words.end(), {"-0", argv0});  // qemu-user's own option
+  words.push_back(direct && !argv0.empty() ? argv0 : path);
+  words.insert(words.end(), args.begin(), args.end());
+  const std::string program = direct ? path : words.front();
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  if (pid == 0) {
+    inChild();
+    execvp(program.c_str(), argv.data());
+    _exit(127);
+  }
+  return pid;
 }
+
+}  // namespace
 
 std::string UpdaterBinary() {
   const char* installed = std::getenv("FWU_TEST_UPDATER");
@@ -41,19 +57,13 @@ ProcessResult RunProcess(const std::string& path, const std::vector<std::string>
   int outPipe[2], errPipe[2];
   if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
     throw std::runtime_error("pipe failed");
-  auto command = CommandFor(path, args, options.argv0);
-  auto argv = command.ExecArgv();
   const auto started = std::chrono::steady_clock::now();
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("fork failed");
-  if (pid == 0) {
+  const pid_t pid = Spawn(path, args, options.argv0, false, [&] {
     dup2(outPipe[1], STDOUT_FILENO);
     dup2(errPipe[1], STDERR_FILENO);
     setpgid(0, 0);  // a group of its own, so that our kill reaches what it started too
     for (const auto& [name, value] : options.env) setenv(name.c_str(), value.c_str(), 1);
-    execvp(command.program.c_str(), argv.data());
-    _exit(127);
-  }
+  });
   close(outPipe[1]);
   close(errPipe[1]);
   if (options.closedStdout) close(outPipe[0]);
@@ -62,15 +72,16 @@ ProcessResult RunProcess(const std::string& path, const std::vector<std::string>
   std::string* sinks[2] = {&result.out, &result.err};
   using std::chrono::milliseconds, std::chrono::steady_clock;
   const auto since = [&] { return std::chrono::duration_cast<milliseconds>(steady_clock::now() - started); };
+  bool ended = false;  // by us
   const auto end = [&](int signal) {
     kill(-pid, signal);
-    result.timedOut = true;
+    ended = true;
   };
   // Until both pipes close: the child and anything it started that kept them.
   while (fds[0].fd >= 0 || fds[1].fd >= 0) {
     const auto left = options.timeout - since();
-    if (left.count() <= 0 && !result.timedOut) end(SIGKILL);
-    const int waitMs = result.timedOut ? 1000 : static_cast<int>(std::min<long long>(left.count(), 200));
+    if (left.count() <= 0 && !ended) end(SIGKILL);
+    const int waitMs = ended ? 1000 : static_cast<int>(std::min<long long>(left.count(), 200));
     if (poll(fds, 2, waitMs) < 0 && errno != EINTR) break;
     for (int i = 0; i < 2; ++i) {
       if (!fds[i].revents) continue;
@@ -83,7 +94,7 @@ ProcessResult RunProcess(const std::string& path, const std::vector<std::string>
         fds[i].fd = -1;
       }
     }
-    if (!result.timedOut && options.stopWhen && options.stopWhen(result.out, result.err)) end(SIGTERM);
+    if (!ended && options.stopWhen && options.stopWhen(result.out, result.err)) end(SIGTERM);
   }
   for (const auto& p : fds)
     if (p.fd >= 0) close(p.fd);
@@ -99,19 +110,13 @@ ChildProcess::ChildProcess(const std::string& path, const std::vector<std::strin
                            const std::string& workDir, const std::string& readyText, bool native) {
   static std::atomic<int> serial{0};
   stem_ = workDir + "/" + std::filesystem::path(path).filename().string() + "." + std::to_string(serial++);
-  auto command = native ? Command{path, {path}} : CommandFor(path, args);
-  if (native) command.argv.insert(command.argv.end(), args.begin(), args.end());
-  auto argv = command.ExecArgv();
-  if ((pid_ = fork()) < 0) throw std::runtime_error("fork failed");
-  if (pid_ == 0) {
+  pid_ = Spawn(path, args, "", native, [&] {
     prctl(PR_SET_PDEATHSIG, SIGTERM);  // a test that dies without its teardown must not leave it behind
     for (const auto& [fd, ext] : {std::pair{STDOUT_FILENO, ".out"}, std::pair{STDERR_FILENO, ".log"}}) {
       const int file = open((stem_ + ext).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       if (file < 0 || dup2(file, fd) < 0) _exit(126);
     }
-    execvp(command.program.c_str(), argv.data());
-    _exit(127);
-  }
+  });
   for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
        std::chrono::steady_clock::now() < deadline;
        std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
@@ -126,12 +131,6 @@ ChildProcess::ChildProcess(const std::string& path, const std::vector<std::strin
   }
   Stop();
   throw std::runtime_error(path + " was not ready: " + Log());
-}
-
-ChildProcess::~ChildProcess() {
-  Stop();
-  std::error_code ignored;
-  for (const char* ext : {".out", ".log"}) std::filesystem::remove(stem_ + ext, ignored);
 }
 
 void ChildProcess::Stop() {

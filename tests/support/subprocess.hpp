@@ -1,6 +1,5 @@
 // Runs a program as a real child process and collects what it wrote.
 #pragma once
-#include <signal.h>
 
 #include <chrono>
 #include <functional>
@@ -13,10 +12,9 @@
 namespace Updater::Testing {
 
 struct ProcessResult {
-  std::string out, err;   // everything written to standard output and to standard error
-  int exitStatus = -1;    // WEXITSTATUS when it exited, else -1
-  int termSignal = 0;     // the signal that ended it, else 0
-  bool timedOut = false;  // killed by us because `timeout` ran out or `stopWhen` said so
+  std::string out, err;  // everything written to standard output and to standard error
+  int exitStatus = -1;   // WEXITSTATUS when it exited, else -1
+  int termSignal = 0;    // the signal that ended it, else 0
   std::chrono::milliseconds elapsed{0};
 };
 
@@ -29,41 +27,24 @@ struct ProcessOptions {
   bool closedStdout = false;  // nobody reads standard output: writes to it fail with EPIPE
 };
 
-// What to exec for `path` with `args`: the path itself or, when the binaries
-// were built for another machine, the emulator named in FWU_TEST_EMULATOR
-// (words, e.g. "qemu-aarch64 -L /"; the build's own emulator when unset)
-// with the path after it. `argv0`, when not empty, is the program's argv[0].
-struct Command {
-  std::string program;
-  std::vector<std::string> argv;
-  std::vector<char*> ExecArgv() {  // execvp(program.c_str(), ExecArgv().data()), while *this lives
-    std::vector<char*> v{nullptr};
-    for (auto& a : argv) v.insert(v.end() - 1, a.data());
-    return v;
-  }
-};
-Command CommandFor(const std::string& path, const std::vector<std::string>& args,
-                   const std::string& argv0 = "");
-
 // The firmware-updater under test: FWU_TEST_UPDATER (an installed copy) when set, else this tree's.
 std::string UpdaterBinary();
 
-// Runs `path` with `args` (argv[1..]). Never throws on the child's failure.
+// Runs `path` with `args` (argv[1..]), through the emulator named in FWU_TEST_EMULATOR (words, e.g.
+// "qemu-aarch64 -L /"; the build's own emulator when unset) when the binaries were built for another
+// machine. Never throws on the child's failure; kills it when `timeout` runs out or `stopWhen` says so.
 ProcessResult RunProcess(const std::string& path, const std::vector<std::string>& args,
                          const ProcessOptions& options = {});
 
-// `path` with `args` in the background (`native`: never through the emulator), its standard output and error
-// in files under `workDir`. Ready once a whole line holding `readyText` is in either; throws
+// `path` with `args` in the background (`native`: never through the emulator, see RunProcess), its standard
+// output and error in files under `workDir`. Ready once a whole line holding `readyText` is in either; throws
 // std::runtime_error when it exits first or is not ready within 10 s.
 class ChildProcess {
  public:
   ChildProcess(const std::string& path, const std::vector<std::string>& args, const std::string& workDir,
                const std::string& readyText, bool native = false);
-  ~ChildProcess();  // SIGTERM, then reaps it
+  ~ChildProcess() { Stop(); }  // SIGTERM, then reaps it; its files go with `workDir`
   ChildProcess(const ChildProcess&) = delete;
-  void Kill() const {
-    if (pid_ > 0) kill(pid_, SIGKILL);
-  }                                                             // at once, as a crash would
   std::string Out() const { return ReadFile(stem_ + ".out"); }  // what it wrote so far on standard output
   std::string Log() const { return ReadFile(stem_ + ".log"); }  // ... and on standard error
 

@@ -11,6 +11,12 @@
 
 namespace Updater::Testing {
 
+// Names each case of a parameterised test after its row's `name`.
+template <class Row>
+std::string RowName(const ::testing::TestParamInfo<Row>& info) {
+  return info.param.name;
+}
+
 inline std::size_t CountOf(const std::string& text, const std::string& needle) {
   std::size_t count = 0;
   for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++count;
@@ -30,20 +36,8 @@ inline std::string RandomBytes(std::size_t n, unsigned seed) {
   return bytes;
 }
 
-// What `f` wrote on standard output, on standard error, on both.
+// What `f` wrote on standard output and on standard error.
 namespace capture = ::testing::internal;
-template <class F>
-std::string Stdout(F&& f) {
-  capture::CaptureStdout();
-  f();
-  return capture::GetCapturedStdout();
-}
-template <class F>
-std::string Stderr(F&& f) {
-  capture::CaptureStderr();
-  f();
-  return capture::GetCapturedStderr();
-}
 struct Captured {
   std::string out, err;
 };

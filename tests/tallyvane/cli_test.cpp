@@ -3,7 +3,6 @@
 // data device is a FIFO of ours (QUORVEX_TALLYVANE_DATA), never the host's.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,7 +11,6 @@
 
 #include "notify_socket.hpp"
 #include "subprocess.hpp"
-#include "temp_dir.hpp"
 #include "text.hpp"
 #include "vyrcam/packets.hpp"
 
@@ -132,7 +130,6 @@ const BoardRun kRuns[] = {
     {"BoardForgetsTheUpdateMidTransfer", {"--error-after", "50"}, kGivenUp},
     {"BoardNeverAnswers", {}, kRefusal, /*within=*/13s, /*stallSeconds=*/"300", /*boardPresent=*/false},
 };
-INSTANTIATE_TEST_SUITE_P(Runs, AConcurrentBoardUpdate, testing::ValuesIn(kRuns),
-                         [](const testing::TestParamInfo<BoardRun>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Runs, AConcurrentBoardUpdate, testing::ValuesIn(kRuns), RowName<BoardRun>);
 
 }  // namespace

@@ -9,7 +9,6 @@
 
 #include "fake_clock.hpp"
 #include "helpers/tallyvane/tallyvane.hpp"
-#include "temp_dir.hpp"
 #include "text.hpp"
 #include "vyrcam/packets.hpp"
 
@@ -67,12 +66,10 @@ TEST_P(ADeadDataPath, IsRetriedAtAPaceThatSlowsDown) {
 }
 
 const DeadLink kDeadLinks[] = {
-    {"EmptyFile", "Read 0 bytes"},
     {"Directory", "read() EOD: Is a directory", /*directory=*/true},
     {"FileOfFrames", "Read 0 bytes", /*directory=*/false, /*completions=*/1},
 };
-INSTANTIATE_TEST_SUITE_P(Paths, ADeadDataPath, testing::ValuesIn(kDeadLinks),
-                         [](const testing::TestParamInfo<DeadLink>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Paths, ADeadDataPath, testing::ValuesIn(kDeadLinks), RowName<DeadLink>);
 
 // The receive loop alone on a FIFO of ours, its output counted from a file as it comes.
 class AFifoDevice : public testing::Test {
