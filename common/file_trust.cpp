@@ -22,6 +22,12 @@ std::optional<std::string> DistrustDirectory(const std::string& path) {
   return Distrust(st);
 }
 
+std::optional<std::string> DistrustRegularFile(int fd, struct stat& st) {
+  if (fstat(fd, &st) != 0) return NotUsable();
+  if (!S_ISREG(st.st_mode)) return std::string("not a regular file");
+  return Distrust(st);
+}
+
 std::string DirectoryOf(const std::string& path) {
   const auto slash = path.rfind('/');
   if (slash == std::string::npos) return ".";

@@ -35,15 +35,7 @@ Opened File::Open(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) return Opened::Missing;
   struct stat st {};
-  std::optional<std::string> why;
-  if (fstat(fd, &st) != 0) {
-    why = Trust::NotUsable();
-  } else if (!S_ISREG(st.st_mode)) {
-    why = "not a regular file";
-  } else {
-    why = Trust::Distrust(st);
-  }
-  if (why) {
+  if (const auto why = Trust::DistrustRegularFile(fd, st)) {
     ::close(fd);
     Log::Error("Firmware package [", path, "] is ", *why, "; not updating");
     return Opened::Refused;

@@ -90,14 +90,7 @@ int TakeCameraLock(const std::string& cameraIndex, Clock& clock,
     return -1;
   }
   struct stat st {};
-  std::optional<std::string> why;
-  if (fstat(fd, &st) != 0) {
-    why = Trust::NotUsable();
-  } else if (!S_ISREG(st.st_mode)) {
-    why = "not a regular file";
-  } else {
-    why = Trust::Distrust(st);
-  }
+  auto why = Trust::DistrustRegularFile(fd, st);
   if (!why && (st.st_mode & 077) != 0 && fchmod(fd, 0600) != 0) why = Trust::NotUsable();
   if (why) {
     Log::Error("Lock file [", path, "] is ", *why, "; not updating");

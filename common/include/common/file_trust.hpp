@@ -23,6 +23,10 @@ std::optional<std::string> Distrust(const struct stat& st);
 // directory" and NotUsable() for a failed stat().
 std::optional<std::string> DistrustDirectory(const std::string& path);
 
+// The same for the open file `fd` (its status left in `st`), adding "not a
+// regular file" and NotUsable() for a failed fstat().
+std::optional<std::string> DistrustRegularFile(int fd, struct stat& st);
+
 // "not usable: " and errno's text, the reason for a call that failed.
 std::string NotUsable();
 
