@@ -152,10 +152,10 @@ int Tallyvane::RunReader() {
   };
   // A FIFO's end-of-file means its writer left, and the reopened FIFO waits
   // in poll() for the next one, so it is reopened at once however often
-  // that happens. Anything else that fails twice in a row waits.
+  // that happens: no failure. Anything else that fails twice in a row waits.
   auto failed = [&](bool endOfFile) {
-    ++failures;
-    if (failures < 2 || (endOfFile && fifo)) return;
+    if (endOfFile && fifo) return;
+    if (++failures < 2) return;
     pause = NextRetryPause(pause);
     clock.Sleep(pause);
   };
@@ -184,6 +184,9 @@ int Tallyvane::RunReader() {
 
       const ssize_t count = read(deviceFd, readBuffer, sizeof readBuffer);
       if (count < 0) {
+        // A new writer of a FIFO can come between poll() and read(): then
+        // there is nothing to read yet, which is no failure of the link.
+        const bool nothingYet = errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
         const char* reason = std::strerror(errno);
         std::cerr << "read() EOD: ";
         if (reason != nullptr) {
@@ -191,7 +194,7 @@ int Tallyvane::RunReader() {
         } else {
           std::cerr.setstate(std::ios::badbit);
         }
-        failed(false);
+        if (!nothingYet) failed(false);
       } else if (count == 0) {
         // The writer went away: carry on with a fresh descriptor, the old
         // one closed first, so that a link that keeps flapping cannot use
