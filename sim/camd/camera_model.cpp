@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 #include "common/crc16.hpp"
 
@@ -27,6 +28,14 @@ MethodFault ParseMethodFault(const std::string& text) {
   fault.calls = at == std::string::npos ? Ranges::All() : Ranges::Parse(text.substr(at + 1));
   if (fault.method.empty()) throw std::invalid_argument("missing method name in " + text);
   return fault;
+}
+
+// "RANGES:VALUE": the calls in RANGES answer VALUE. `form` names the
+// option's shape for the complaint.
+std::pair<Ranges, int> ParseRangedValue(const std::string& text, const std::string& form) {
+  const auto colon = text.rfind(':');
+  if (colon == std::string::npos) throw std::invalid_argument(form);
+  return {Ranges::Parse(text.substr(0, colon)), static_cast<int>(ToLong(text.substr(colon + 1)))};
 }
 
 }  // namespace
@@ -148,17 +157,11 @@ std::optional<Options> ParseOptions(const std::vector<std::string>& args, std::s
       } else if (name == "seed") {
         options.seed = static_cast<unsigned>(ToLong(value));
       } else if (name == "ack-status") {
-        const auto colon = value.rfind(':');
-        if (colon == std::string::npos) throw std::invalid_argument("--ack-status needs RANGES:S");
-        options.ackStatuses.emplace_back(Ranges::Parse(value.substr(0, colon)),
-                                         static_cast<int>(ToLong(value.substr(colon + 1))));
+        options.ackStatuses.push_back(ParseRangedValue(value, "--ack-status needs RANGES:S"));
       } else if (name == "fail-send") {
         options.failedSends = Ranges::Parse(value);
       } else if (name == "next") {
-        const auto colon = value.rfind(':');
-        if (colon == std::string::npos) throw std::invalid_argument("--next needs RANGES:POS");
-        options.nextPositions.emplace_back(Ranges::Parse(value.substr(0, colon)),
-                                           static_cast<int>(ToLong(value.substr(colon + 1))));
+        options.nextPositions.push_back(ParseRangedValue(value, "--next needs RANGES:POS"));
       } else if (name == "restart-at") {
         options.restartAtAck = ToLong(value);
       } else if (name == "negative-next") {
