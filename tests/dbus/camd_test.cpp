@@ -109,15 +109,37 @@ TEST_P(ACameraLockName, EscapesAndBoundsTheIndex) {
 }
 INSTANTIATE_TEST_SUITE_P(Indices, ACameraLockName, ValuesIn(kLockNames), RowName<LockNameRow>);
 
-using ACameraLock = CamdBusTest;
+// Whoever opened a lock file that others may open, or that another user owns, may hold a lock on it still:
+// such a file is replaced by a fresh one, which the run locks at once.
+struct LooseLockRow {
+  std::string name;
+  mode_t mode;
+  uid_t owner;
+};
+const LooseLockRow kLooseLocks[] = {
+    {"LeftReadableByAllByAnOlderRelease", 0644, 0},
+    {"ReadableByGroup", 0640, 0},
+    {"ReadableByOthers", 0604, 0},
+    {"OfAnotherUser", 0600, 65534},
+};
+class ALooseLockFile : public CamdBusTest, public ::testing::WithParamInterface<LooseLockRow> {};
 
-// Readable by others, as an older run may have left it: whoever can open it can lock it.
-TEST_F(ACameraLock, MakesAnOldLockFileOwnerOnly) {
-  chmod(fw_.Write(kLock).c_str(), 0644);
-  const int fd = Helpers::TakeCameraLock("0", clock_, std::nullopt);
-  EXPECT_EQ(std::filesystem::status(fw_ / kLock).permissions(), std::filesystem::perms(0600));
+TEST_P(ALooseLockFile, IsReplacedByAnOwnerOnlyFileThatTheRunHolds) {
+  HoldLock(GetParam().owner);
+  fchmod(held_, GetParam().mode);
+  const int fd = Helpers::TakeCameraLock("0", clock_, clock_.Monotonic() + 1s);
+  struct stat held {
+  }, named{};
+  EXPECT_EQ(fstat(fd, &held), 0);
+  ASSERT_EQ(stat((fw_ / kLock).c_str(), &named), 0);
+  EXPECT_EQ(named.st_ino, held.st_ino);
+  EXPECT_EQ(named.st_mode & 07777, 0600u);
+  EXPECT_EQ(named.st_uid, geteuid());
   close(fd);
 }
+INSTANTIATE_TEST_SUITE_P(Modes, ALooseLockFile, ValuesIn(kLooseLocks), RowName<LooseLockRow>);
+
+using ACameraLock = CamdBusTest;
 
 TEST_F(ACameraLock, IsTakenWithinATenthOfASecondOfItsRelease) {
   HoldLock();
@@ -130,6 +152,19 @@ TEST_F(ACameraLock, IsTakenWithinATenthOfASecondOfItsRelease) {
   Capture([&] { fd = Helpers::TakeCameraLock("0", clock_, clock_.Monotonic() + 5s); });
   EXPECT_EQ(clock_.Slept(), 1100ms);
   close(fd);
+}
+
+// Another run replaced the file while this one waited: the lock of the file that went is not the camera's.
+TEST_F(ACameraLock, IsWaitedForAgainWhenTheFileWasReplacedMeanwhile) {
+  HoldLock();
+  clock_.onSleep = [&] {
+    if (clock_.Slept() != 100ms) return;
+    const int old = held_;
+    std::filesystem::rename(fw_ / kLock, fw_ / "gone");
+    HoldLock();  // made afresh at the lock's path, and held
+    close(old);
+  };
+  Capture([&] { EXPECT_EQ(Helpers::TakeCameraLock("0", clock_, clock_.Monotonic() + 1s), -1); });
 }
 
 TEST_F(ACameraLock, StillHeldIsGivenUpWhenTheStallLimitIsReached) {
@@ -237,14 +272,22 @@ TEST_F(AnAnnouncement, CarriesTheChecksumOfTheWholeImage) {
               HasSubstr("\nChecksum:e8c1\n"));  // CRC-16/CCITT-FALSE, worked out bit by bit
 }
 
-// What another user could have written is refused at once.
+// What another user could have written, or could choose through a link, is refused at once; so is an empty
+// image.
 struct TrustRow {
   std::string name, kind, tail;  // the red line: "<kind> [<the firmware and lock directory><tail>"
   void (*tamper)(CamdBusTest&);
 };
 const TrustRow kTrusts[] = {
-    {"LockFileOfAnotherUser", "Lock file", "/" + kLock + "] is owned by user 65534",
-     [](auto& t) { t.HoldLock(65534); }},
+    {"PackageALinkOutOfTheDirectory", "Firmware package",
+     "/camera-region0-2.bin] is a link out of the firmware directory",
+     [](auto& t) {
+       std::filesystem::create_directory(t.fw_ / "pub");  // whoever may write there would choose the image
+       std::filesystem::rename(t.fw_ / "camera-region0-2.bin", t.fw_ / "pub/image.bin");
+       std::filesystem::create_symlink("pub/image.bin", t.fw_ / "camera-region0-2.bin");
+     }},
+    {"EmptyPackage", "Firmware image", "/camera-region0-2.bin] is empty",
+     [](auto& t) { t.AddPackage(2, ""); }},
     {"LockDirectoryWritableByGroup", "Lock directory", "] is writable by group or others",
      [](auto& t) { chmod(t.fw_.path().c_str(), 0770); }},
     {"LockFileAFifo", "Lock file", "/" + kLock + "] is not a regular file",
@@ -327,7 +370,6 @@ struct WholeRow {
   bool replaced = false;
 };
 const WholeRow kWholes[] = {
-    {"EmptyImage", {}, 0},
     {"Resumed", {"--first=1024", "--preload="}, 1500},  // camd holds the image up to the position it names
     {"NineInTenLost", {"--loss-rate=0.9", "--seed=5"}, 1000},  // within the default stall limit
     {"ImageReplacedAfterTheCheck", {}, 1000, /*replaced=*/true},
