@@ -37,7 +37,7 @@ std::optional<std::string> OpenTrustedDirectory(const std::string& path, int& fd
 
 std::optional<std::string> DistrustDirectory(const std::string& path) {
   int fd = -1;
-  const auto why = OpenTrustedDirectory(path, fd);
+  auto why = OpenTrustedDirectory(path, fd);
   if (fd >= 0) close(fd);
   return why;
 }
