@@ -1,5 +1,6 @@
 #include "common/file_trust.hpp"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,11 +16,30 @@ std::optional<std::string> Distrust(const struct stat& st) {
   return std::nullopt;
 }
 
-std::optional<std::string> DistrustDirectory(const std::string& path) {
+std::optional<std::string> OpenTrustedDirectory(const std::string& path, int& fd) {
+  // O_PATH: nothing is read, and whatever sits there opens without side effects.
+  fd = open(path.c_str(), O_PATH | O_CLOEXEC);
   struct stat st {};
-  if (stat(path.c_str(), &st) != 0) return NotUsable();
-  if (!S_ISDIR(st.st_mode)) return std::string("not a directory");
-  return Distrust(st);
+  std::optional<std::string> why;
+  if (fd < 0 || fstat(fd, &st) != 0) {
+    why = NotUsable();
+  } else if (!S_ISDIR(st.st_mode)) {
+    why = "not a directory";
+  } else {
+    why = Distrust(st);
+  }
+  if (why && fd >= 0) {
+    close(fd);
+    fd = -1;
+  }
+  return why;
+}
+
+std::optional<std::string> DistrustDirectory(const std::string& path) {
+  int fd = -1;
+  auto why = OpenTrustedDirectory(path, fd);
+  if (fd >= 0) close(fd);
+  return why;
 }
 
 std::optional<std::string> DistrustRegularFile(int fd, struct stat& st) {

@@ -5,11 +5,40 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 
 #include "common/file_trust.hpp"
 #include "common/log.hpp"
 
 namespace Updater::Image {
+
+namespace {
+
+// As many links as the kernel follows in one lookup.
+constexpr int kMostLinks = 40;
+
+// The file `name` in the directory `dir`, opened without blocking, so that a
+// FIFO put in its place cannot hang the run. A link is followed only to
+// another name in that same directory: one into a subdirectory or elsewhere
+// would let whoever may write on the way choose the bytes flashed. -1 with
+// `why` set for such a link; -1 alone (errno) when the file cannot be opened.
+int OpenInDirectory(int dir, std::string name, std::optional<std::string>& why) {
+  for (int link = 0; link <= kMostLinks; ++link) {
+    const int fd = openat(dir, name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
+    if (fd >= 0 || errno != ELOOP) return fd;  // ELOOP: `name` is a link
+    char target[NAME_MAX + 1];
+    const ssize_t length = readlinkat(dir, name.c_str(), target, sizeof target);
+    if (length < 0) return -1;
+    name.assign(target, static_cast<std::size_t>(length));
+    if (name.size() > NAME_MAX || name.find('/') != std::string::npos) {
+      why = "a link out of the firmware directory";
+      return -1;
+    }
+  }
+  return -1;
+}
+
+}  // namespace
 
 File::File() : std::istream(&buffer_) { setstate(std::ios::failbit); }
 
@@ -28,15 +57,19 @@ Opened File::Open(const std::string& path) {
   close();
   if (path.empty()) return Opened::Missing;
   const std::string directory = Trust::DirectoryOf(path);
-  if (const auto why = Trust::DistrustDirectory(directory)) {
+  int dir = -1;
+  if (const auto why = Trust::OpenTrustedDirectory(directory, dir)) {
     Log::Error("Firmware directory [", directory, "] is ", *why, "; not updating");
     return Opened::Refused;
   }
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0) return Opened::Missing;
+  std::optional<std::string> why;
+  const int fd = OpenInDirectory(dir, path.substr(path.rfind('/') + 1), why);
+  ::close(dir);
+  if (fd < 0 && !why) return Opened::Missing;
   struct stat st {};
-  if (const auto why = Trust::DistrustRegularFile(fd, st)) {
-    ::close(fd);
+  if (!why) why = Trust::DistrustRegularFile(fd, st);
+  if (why) {
+    if (fd >= 0) ::close(fd);
     Log::Error("Firmware package [", path, "] is ", *why, "; not updating");
     return Opened::Refused;
   }

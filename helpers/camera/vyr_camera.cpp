@@ -33,6 +33,23 @@ std::int32_t ProtocolSize(std::uint64_t bytes) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(bytes));
 }
 
+// The size of the open `image` as camd is told it; nullopt, after a red line
+// and with the image closed, for one camd cannot take.
+std::optional<std::int32_t> AnnouncedSize(Image::File& image, const std::string& path) {
+  const auto bytes = static_cast<std::uint64_t>(Image::Length(image));
+  if (bytes > static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max())) {
+    Log::Error("Firmware image [", path, "] is ", std::to_string(bytes),
+               " bytes, more than camd can address; not updating");
+  } else if (bytes == 0) {
+    // As for the board: camd would hold the whole image at once, with nothing ever sent.
+    Log::Error("Firmware image [", path, "] is empty; not updating");
+  } else {
+    return ProtocolSize(bytes);
+  }
+  image.close();
+  return std::nullopt;
+}
+
 }  // namespace
 
 VyrCamera::VyrCamera(std::string cameraIndex, Clock& clock)
@@ -102,14 +119,9 @@ int VyrCamera::CheckWithCamd() {
   const Image::Opened opened = image_.Open(firmwarePath);
   if (opened == Image::Opened::Refused) return false;
   if (opened == Image::Opened::Missing) return true;
-  const auto bytes = static_cast<std::uint64_t>(Image::Length(image_));
-  if (bytes > static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max())) {
-    Log::Error("Firmware image [", firmwarePath, "] is ", std::to_string(bytes),
-               " bytes, more than camd can address; not updating");
-    image_.close();
-    return false;
-  }
-  const std::int32_t size = ProtocolSize(bytes);
+  const auto announced = AnnouncedSize(image_, firmwarePath);
+  if (!announced) return false;
+  const std::int32_t size = *announced;
 
   Crc16CcittFalse crc;
   if (!Image::ReadInPieces(image_, size,

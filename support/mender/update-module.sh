@@ -8,6 +8,7 @@
 #   preflight              refuses (fail) what cannot work before anything runs
 #   describe TARGET        "camera 0", "the board"
 #   running_version TARGET the version TARGET runs now, nothing when unknown
+#   unreachable TARGET     why TARGET cannot be updated now, nothing when it can
 #   run_update TARGET      firmware-updater for TARGET, with the staging
 #                          directory as its firmware directory
 # The inventory script uses is_version and camera_version as well.
@@ -19,15 +20,16 @@ is_version() {
     [ ${#1} -lt 10 ] || { [ ${#1} -eq 10 ] && [ "$1" -le 2147483647 ]; }
 }
 
-# The firmware version camd reports for camera $1, nothing when it does not answer.
+# The firmware version camd reports for camera $1, nothing when it does not
+# answer within 2 s (a camd that holds its reply would cost 25 s a camera).
 camera_version() {
     path=/com/quorvex/common/Camd1/Camera$1
     if command -v busctl >/dev/null 2>&1; then
-        busctl --user call com.quorvex.common.Camd1 "$path" \
+        busctl --user --timeout=2 call com.quorvex.common.Camd1 "$path" \
             com.quorvex.common.Camd1.Firmware GetCameraFirmwareVersion 2>/dev/null |
             sed -n 's/^i \(-*[0-9]*\)$/\1/p'
     else
-        gdbus call --session --dest com.quorvex.common.Camd1 --object-path "$path" \
+        gdbus call --session --timeout 2 --dest com.quorvex.common.Camd1 --object-path "$path" \
             --method com.quorvex.common.Camd1.Firmware.GetCameraFirmwareVersion 2>/dev/null |
             sed -n 's/^(\(-*[0-9]*\),)$/\1/p'
     fi
@@ -47,6 +49,16 @@ meta_number() {
     echo "$value"
 }
 
+# The version the artifact provides (rootfs-image.<module>.version) must be
+# the meta-data's: the client keeps the last of keys given twice, so
+# {"version": 8, "version": 9} would otherwise flash 9 and report 8.
+check_provided() {
+    provided=$(jq -r --arg key "rootfs-image.$module.version" '.artifact_provides[$key] // empty' \
+        "$files/header/type-info" 2>/dev/null)
+    [ "$provided" = "$version" ] ||
+        fail "meta-data: version $version is not the version the artifact provides (${provided:-none})"
+}
+
 # The updater picks the newest package of its kind in its firmware directory.
 # It gets a directory of the module's own that holds the artifact's image and
 # nothing else, so no other package can be flashed, and the firmware
@@ -62,20 +74,33 @@ install_artifact() {
     remove_stage
     [ -f "$files/header/meta-data" ] || fail "no meta-data: build the artifact with camera-firmware-artifact-gen"
     read_meta
+    check_provided
     set -- "$files"/files/*
     if [ $# -ne 1 ] || [ ! -f "$1" ]; then fail "the payload must be exactly one image file"; fi
     [ -s "$1" ] || fail "the image is empty"
     preflight
-    # Before the first target is touched: what ArtifactRollback compares with.
-    : >"$before.tmp" || fail "cannot write $before"
-    for target in $targets; do
-        printf '%s %s\n' "$target" "$(running_version "$target")" >>"$before.tmp"
-    done
-    mv "$before.tmp" "$before" || fail "cannot write $before"
-    if ! { mkdir -p "$stage" && cp "$1" "$stage/$package"; }; then fail "cannot stage the image in $stage"; fi
+    # Only the module's own staging directory is made there, never the firmware directory.
+    [ -d "$firmware_dir" ] || fail "no firmware directory $firmware_dir (create it, root's and mode 0755)"
+    # Before the first target is touched, once a deployment: what ArtifactRollback
+    # compares with. An install run again before commit or rollback keeps it.
+    if [ ! -f "$before" ]; then
+        : >"$before.tmp" || fail "cannot write $before"
+        for target in $targets; do
+            printf '%s %s\n' "$target" "$(running_version "$target")" >>"$before.tmp"
+        done
+        mv "$before.tmp" "$before" || fail "cannot write $before"
+    fi
+    if ! { mkdir "$stage" && cp "$1" "$stage/$package"; }; then fail "cannot stage the image in $stage"; fi
 
     failed=0
+    esc=$(printf '\033')
     for target in $targets; do
+        why=$(unreachable "$target")
+        if [ -n "$why" ]; then
+            failed=1
+            echo "$module: $(describe "$target") is not updated: $why" >&2
+            continue
+        fi
         log=$files/tmp/firmware-updater-$target.log
         run_update "$target" >"$log" 2>&1
         status=$?
@@ -86,7 +111,8 @@ install_artifact() {
             echo "$module: $(describe "$target") runs version ${running:-unknown}, not $version" \
                 "(firmware-updater exited with status $status); its last lines:" >&2
             # The client deletes the log with the work directory: its end goes to the deployment log.
-            tail -n 8 "$log" | sed "s/^/$module:   /" >&2
+            # Without the colours: the log is read as plain text.
+            tail -n 8 "$log" | sed "s/$esc\[[0-9;]*m//g; s/^/$module:   /" >&2
         fi
     done
     remove_stage
@@ -111,14 +137,21 @@ run_module() {
     umask 022
     state=${1:?state}
     files=${2:?files directory}
-    stage=${QUORVEX_FIRMWARE_DIR:-/lib/firmware/quorvex}/.$module
-    before=$files/tmp/versions-before
+    firmware_dir=${QUORVEX_FIRMWARE_DIR:-/lib/firmware/quorvex}
+    stage=$firmware_dir/.$module
+    # Beside the client's work directories, which an install run again replaces.
+    before=${files%/payloads/*}/$module-versions-before
     case $state in
         ArtifactInstall) install_artifact ;;
         NeedsArtifactReboot) echo No ;;
         SupportsRollback) echo Yes ;;
         ArtifactRollback) roll_back ;;
-        ArtifactFailure | Cleanup) remove_stage ;;
+        ArtifactFailure) remove_stage ;;
+        # The end of a deployment, whatever its outcome.
+        Cleanup)
+            remove_stage
+            rm -f "$before" || fail "cannot remove $before"
+            ;;
         # Every other state, including ones later clients add, has nothing to do.
     esac
     exit 0

@@ -19,6 +19,7 @@ using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::ValuesIn;
+namespace fs = std::filesystem;
 
 const std::string kRed = "\033[0;31mfw-updater Debug: [ERROR] -- ";
 const std::string kLock = "firmware-updater-camera-0.lock";
@@ -109,28 +110,43 @@ TEST_P(ACameraLockName, EscapesAndBoundsTheIndex) {
 }
 INSTANTIATE_TEST_SUITE_P(Indices, ACameraLockName, ValuesIn(kLockNames), RowName<LockNameRow>);
 
-using ACameraLock = CamdBusTest;
+// A lock file others may open, or another user owns, is replaced: an earlier descriptor may hold its lock.
+struct HeldLockRow {
+  std::string name;
+  mode_t mode;
+  uid_t owner;
+  std::chrono::milliseconds slept;  // until the run has the lock; the 5 s limit: never
+  bool replaced = false;            // by another run, as this one waits
+};
+const HeldLockRow kHeldLocks[] = {
+    {"OwnerOnly", 0600, 0, 1100ms},  // within a tenth of a second of its release
+    {"LeftReadableByAllByAnOlderRelease", 0644, 0, 0ms},
+    {"ReadableByGroup", 0640, 0, 0ms},
+    {"ReadableByOthers", 0604, 0, 0ms},
+    {"OfAnotherUser", 0600, 65534, 0ms},
+    {"ReplacedMeanwhile", 0600, 0, 5s, /*replaced=*/true},
+};
+class AHeldLockFile : public CamdBusTest, public ::testing::WithParamInterface<HeldLockRow> {};
 
-// Readable by others, as an older run may have left it: whoever can open it can lock it.
-TEST_F(ACameraLock, MakesAnOldLockFileOwnerOnly) {
-  chmod(fw_.Write(kLock).c_str(), 0644);
-  const int fd = Helpers::TakeCameraLock("0", clock_, std::nullopt);
-  EXPECT_EQ(std::filesystem::status(fw_ / kLock).permissions(), std::filesystem::perms(0600));
-  close(fd);
-}
-
-TEST_F(ACameraLock, IsTakenWithinATenthOfASecondOfItsRelease) {
-  HoldLock();
+TEST_P(AHeldLockFile, IsTakenOnceNoEarlierDescriptorHoldsTheFileAtItsPath) {
+  HoldLock(GetParam().owner);
+  fchmod(held_, GetParam().mode);
   clock_.onSleep = [&] {
-    if (clock_.Slept() < 1050ms || held_ < 0) return;
-    close(held_);
-    held_ = -1;
+    if (clock_.Slept() != 1100ms) return;
+    const int old = std::exchange(held_, -1);
+    if (GetParam().replaced) fs::rename(fw_ / kLock, fw_ / "gone");
+    if (GetParam().replaced) HoldLock();  // made afresh at the lock's path
+    close(old);
   };
   int fd = -1;
   Capture([&] { fd = Helpers::TakeCameraLock("0", clock_, clock_.Monotonic() + 5s); });
-  EXPECT_EQ(clock_.Slept(), 1100ms);
+  EXPECT_EQ(clock_.Slept(), GetParam().slept);
+  EXPECT_EQ(fs::status(fw_ / kLock).permissions(), fs::perms(0600));
   close(fd);
 }
+INSTANTIATE_TEST_SUITE_P(Modes, AHeldLockFile, ValuesIn(kHeldLocks), RowName<HeldLockRow>);
+
+using ACameraLock = CamdBusTest;
 
 TEST_F(ACameraLock, StillHeldIsGivenUpWhenTheStallLimitIsReached) {
   HoldLock();
@@ -237,14 +253,16 @@ TEST_F(AnAnnouncement, CarriesTheChecksumOfTheWholeImage) {
               HasSubstr("\nChecksum:e8c1\n"));  // CRC-16/CCITT-FALSE, worked out bit by bit
 }
 
-// What another user could have written is refused at once.
+// What another user could have written or chosen through a link, or an empty image, is refused at once.
 struct TrustRow {
   std::string name, kind, tail;  // the red line: "<kind> [<the firmware and lock directory><tail>"
   void (*tamper)(CamdBusTest&);
 };
 const TrustRow kTrusts[] = {
-    {"LockFileOfAnotherUser", "Lock file", "/" + kLock + "] is owned by user 65534",
-     [](auto& t) { t.HoldLock(65534); }},
+    {"LinkByPath", "Firmware package", "/camera-region0-3.bin] is a link out of the firmware directory",
+     [](auto& t) { fs::create_symlink(t.fw_ / "camera-region0-2.bin", t.fw_ / "camera-region0-3.bin"); }},
+    {"EmptyPackage", "Firmware image", "/camera-region0-2.bin] is empty",
+     [](auto& t) { t.AddPackage(2, ""); }},
     {"LockDirectoryWritableByGroup", "Lock directory", "] is writable by group or others",
      [](auto& t) { chmod(t.fw_.path().c_str(), 0770); }},
     {"LockFileAFifo", "Lock file", "/" + kLock + "] is not a regular file",
@@ -327,7 +345,6 @@ struct WholeRow {
   bool replaced = false;
 };
 const WholeRow kWholes[] = {
-    {"EmptyImage", {}, 0},
     {"Resumed", {"--first=1024", "--preload="}, 1500},  // camd holds the image up to the position it names
     {"NineInTenLost", {"--loss-rate=0.9", "--seed=5"}, 1000},  // within the default stall limit
     {"ImageReplacedAfterTheCheck", {}, 1000, /*replaced=*/true},

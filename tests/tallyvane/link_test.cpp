@@ -230,6 +230,12 @@ TEST_F(AnAnnouncedImage, IsRefusedWhenAFifoTakesItsPlace) {
   EXPECT_THAT(out, HasSubstr("Firmware package [" + path + "] is not a regular file; not updating"));
 }
 
+TEST_F(AnAnnouncedImage, IsReadThroughALinkToAnotherNameInItsDirectory) {
+  std::filesystem::rename(dir / "tallyvane-7.bin", dir / "tallyvane-7.real");
+  std::filesystem::create_symlink("tallyvane-7.real", dir / "tallyvane-7.bin");
+  Capture([&] { EXPECT_EQ(helper.SendFirmwareBlock(0), 1); });
+}
+
 TEST_F(AnAnnouncedImage, IsRefusedInADirectoryOthersMayWrite) {
   chmod(dir.path().c_str(), 0703);
   const auto out = Capture([&] { EXPECT_EQ(helper.SendFirmwareBlock(0), 0); }).out;

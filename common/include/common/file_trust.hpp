@@ -20,7 +20,12 @@ namespace Updater::Trust {
 std::optional<std::string> Distrust(const struct stat& st);
 
 // The same for the directory `path` names (a link followed), adding "not a
-// directory" and NotUsable() for a failed stat().
+// directory" and NotUsable() for a failed open or fstat(). `fd` is left
+// holding a descriptor (O_PATH) of it when it is trusted, -1 otherwise, so
+// that files are then looked up in the very directory that was checked.
+std::optional<std::string> OpenTrustedDirectory(const std::string& path, int& fd);
+
+// OpenTrustedDirectory() for a check alone.
 std::optional<std::string> DistrustDirectory(const std::string& path);
 
 // The same for the open file `fd` (its status left in `st`), adding "not a

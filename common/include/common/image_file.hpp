@@ -28,10 +28,12 @@ class File : public std::istream {
   File& operator=(const File&) = delete;
 
   // Opens the package at `path` without blocking, so that a FIFO put in its
-  // place cannot hang the run. Refused, after a red error naming the path
-  // and the reason: a firmware directory or a file (a link followed) that
-  // another user could have written (see common/file_trust.hpp), or a file
-  // that is not a regular one. Missing: no package, or open() failed.
+  // place cannot hang the run, through the descriptor of its directory that
+  // was checked. Refused, after a red error naming the path and the reason:
+  // a firmware directory or a file that another user could have written (see
+  // common/file_trust.hpp), a file that is not a regular one, or a link to
+  // anything but another name in the same directory ("a link out of the
+  // firmware directory"). Missing: no package, or open() failed.
   Opened Open(const std::string& path);
   bool is_open() const;
   void close();

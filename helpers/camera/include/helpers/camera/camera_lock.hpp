@@ -24,10 +24,12 @@ std::string CameraLockDirectory();
 // Takes the lock of `cameraIndex`, making its directory (mode 0755) if
 // absent. While another run holds it, tries again every 100 ms up to
 // `deadline` (without one, waits as long as it takes). Returns the
-// descriptor that holds the lock, or -1 after a red error: a directory or
-// lock file another user could have written, a lock file that is no
-// regular file, or a wait that reached the deadline. The lock file is kept
-// at mode 0600, since whoever can open it can lock it.
+// descriptor that holds the lock, or -1 after a red error: a directory
+// another user could have written, a lock file that is no regular file, or
+// a wait that reached the deadline. Whoever can open a lock file can lock
+// it, so one that others could open or another user owns is replaced by a
+// fresh 0600 file renamed over it, and the lock is taken anew when another
+// run replaced the file while this one waited.
 int TakeCameraLock(const std::string& cameraIndex, Clock& clock, std::optional<Clock::steady_point> deadline);
 
 }  // namespace Updater::Helpers
