@@ -50,7 +50,7 @@ class RetransmissionTimer {
   // the back-off. Later answers to the same frame are not measured.
   void Answered(TimePoint at);
 
-  // For the log: the smoothed round trip, once measured.
+  // Update thread. For the log: the smoothed round trip, once measured.
   std::optional<Duration> SmoothedRoundTrip() const { return smoothed_; }
 
  private:
