@@ -6,6 +6,7 @@
 #include <chrono>
 #include <iostream>
 
+#include "common/chunk_size.hpp"
 #include "dbus/bus.hpp"
 #include "dbus/errors.hpp"
 
@@ -19,7 +20,6 @@ constexpr int kTries = 5;
 constexpr int kFirstBlockPolls = 10;
 constexpr int kAckPolls = 10;
 constexpr auto kPollPause = std::chrono::milliseconds(200);
-constexpr std::int32_t kMaxGrowablePacket = 63;
 constexpr std::int32_t kLastBlockAcked = 3;
 constexpr auto kDefaultCallTimeout = std::chrono::seconds(25);  // sd-bus's
 
@@ -221,15 +221,15 @@ int CamdDbusIface::WaitForAck() {
 
   if (status == 0) {
     // Grows back only up to where it started; see the halving below.
-    if (packetSize <= kMaxGrowablePacket) {
-      packetSize *= 2;
+    if (packetSize < ChunkSize::kLargest) {
+      packetSize = ChunkSize::AfterDelivery(packetSize);
       std::cout << "Bumping packet size to [" << packetSize << "]" << std::endl;
     }
     return 0;
   }
   if (status == 1) {
     DequeuePacket();
-    if (packetSize > 1) packetSize /= 2;
+    packetSize = ChunkSize::AfterLoss(packetSize);
     std::cout << "********************* Dropping packet size to [" << packetSize << "]" << std::endl;
     std::cerr << "Caught ACK timeout! Still waiting..." << std::endl;
     return 1;

@@ -19,6 +19,11 @@ std::string Hex4(unsigned value) {
   return text;
 }
 
+std::string ReportText(int lastReceived, std::uint32_t next) {
+  return "ReceivedFirmwareBlock last=" + std::to_string(lastReceived) +
+         " next=" + (next == 0xFFFFFFFFu ? std::string("0xFFFFFFFF") : std::to_string(next));
+}
+
 const char* TypeName(std::uint8_t type) {
   switch (type) {
     case VYRCam::kRequestUpdateInfo:
@@ -159,8 +164,9 @@ void Board::Acknowledge(unsigned sequence) {
 
 void Board::Report(int lastReceived, std::uint32_t next) {
   ++reports_;
-  const std::string what = "ReceivedFirmwareBlock last=" + std::to_string(lastReceived) + " next=" +
-                           (next == 0xFFFFFFFFu ? std::string("0xFFFFFFFF") : std::to_string(next));
+  const std::string what = ReportText(lastReceived, next);
+  const auto previous = previousReport_;
+  previousReport_ = std::make_pair(lastReceived, next);
   if (options_.dropReports.count(reports_) != 0 ||
       (options_.dropReportEvery != 0 && reports_ % options_.dropReportEvery == 0)) {
     say_("DROP " + what);
@@ -171,6 +177,11 @@ void Board::Report(int lastReceived, std::uint32_t next) {
   if (options_.duplicateReports.count(reports_) != 0) {
     Emit(VYRCam::ReceivedFirmwareBlock(lastReceived, next),
          std::chrono::milliseconds(options_.reportDelayMs + kDuplicateDelayMs), "again " + what);
+  }
+  if (previous && options_.staleAfterReports != 0 && reports_ >= options_.staleAfterReports) {
+    Emit(VYRCam::ReceivedFirmwareBlock(previous->first, previous->second),
+         std::chrono::milliseconds(options_.reportDelayMs),
+         "stale " + ReportText(previous->first, previous->second));
   }
 }
 
@@ -222,13 +233,7 @@ void Board::OnFirmwareBlock(const VYRCam::FirmwareBlock& packet) {
     }
   }
   ++chunks_;
-
-  if (!errorInjected_ && options_.errorAfterChunks != 0 && chunks_ >= options_.errorAfterChunks) {
-    errorInjected_ = true;
-    transfer_ = Transfer{};
-    Emit(VYRCam::UpdateError(), std::chrono::milliseconds(0), "UpdateError");
-    return;
-  }
+  if (Interrupted()) return;
 
   if (options_.muteAfterChunks != 0 && chunks_ >= options_.muteAfterChunks) muted_ = true;
 
@@ -240,7 +245,29 @@ void Board::OnFirmwareBlock(const VYRCam::FirmwareBlock& packet) {
     Complete(lastReceived);
   } else {
     Report(lastReceived, static_cast<std::uint32_t>(next));
+    if (!completedEarly_ && options_.completeAfterChunks != 0 && chunks_ >= options_.completeAfterChunks) {
+      completedEarly_ = true;
+      Emit(VYRCam::UpdateComplete(), std::chrono::milliseconds(options_.reportDelayMs),
+           "UpdateComplete early");
+    }
   }
+}
+
+bool Board::Interrupted() {
+  if (!errorInjected_ && options_.errorAfterChunks != 0 && chunks_ >= options_.errorAfterChunks) {
+    errorInjected_ = true;
+    transfer_ = Transfer{};
+    Emit(VYRCam::UpdateError(), std::chrono::milliseconds(0), "UpdateError");
+    return true;
+  }
+  if (!forgotten_ && options_.forgetAfterChunks != 0 && chunks_ >= options_.forgetAfterChunks) {
+    forgotten_ = true;
+    say_("FORGET the update after chunk " + std::to_string(chunks_) + ", holding " +
+         std::to_string(transfer_.heldCount) + " bytes");
+    transfer_ = Transfer{};
+    return true;
+  }
+  return false;
 }
 
 long long Board::FirstMissing(std::uint64_t from) const {

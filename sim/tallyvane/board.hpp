@@ -4,8 +4,10 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "options.hpp"
@@ -49,6 +51,9 @@ class Board {
   void Report(int lastReceived, std::uint32_t next);
   void OnUpdateAvailable(const VYRCam::UpdateAvailable& packet);
   void OnFirmwareBlock(const VYRCam::FirmwareBlock& packet);
+  // --error-after and --forget-after: true when the chunk just stored is
+  // answered by neither a report nor a completion.
+  bool Interrupted();
   void OnApplyUpdate();
   // First byte not held at or after `from`, wrapping to 0; -1 when all are.
   long long FirstMissing(std::uint64_t from) const;
@@ -64,6 +69,9 @@ class Board {
   bool anyVerdict_ = false;
   bool applyRequested_ = false;
   bool errorInjected_ = false;
+  bool forgotten_ = false;
+  bool completedEarly_ = false;
+  std::optional<std::pair<int, std::uint32_t>> previousReport_;  // last, next
   bool muted_ = false;
   unsigned acks_ = 0;
   unsigned reports_ = 0;

@@ -68,9 +68,21 @@ UplinkWriter::UplinkWriter(int fd, const Options& options, Say say)
 
 void UplinkWriter::Queue(Bytes packet, std::chrono::milliseconds delay, std::string what) {
   Pending p{Clock::now() + delay, std::move(packet), std::move(what)};
+  if (options_.answerDelayMs != 0 || options_.answerJitterMs != 0) {
+    // A busy board answers late, but in order: no frame overtakes one queued before it.
+    p.due = std::max(p.due + AnswerDelay(), lastAnswerDue_);
+    lastAnswerDue_ = p.due;
+  }
   const auto at = std::upper_bound(queue_.begin(), queue_.end(), p.due,
                                    [](Clock::time_point due, const Pending& q) { return due < q.due; });
   queue_.insert(at, std::move(p));
+}
+
+std::chrono::milliseconds UplinkWriter::AnswerDelay() {
+  const long long base = options_.answerDelayMs;
+  const long long jitter = options_.answerJitterMs;
+  std::uniform_int_distribution<long long> spread(std::max(0LL, base - jitter), base + jitter);
+  return std::chrono::milliseconds(spread(random_));
 }
 
 void UplinkWriter::Pump() {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -62,6 +63,8 @@ class UplinkWriter {
     Bytes packet;
     std::string what;
   };
+  // --answer-delay-ms with its jitter, drawn afresh for every frame.
+  std::chrono::milliseconds AnswerDelay();
   void WriteFrame(Pending pending);
   bool WriteAll(const Bytes& bytes);
 
@@ -72,6 +75,8 @@ class UplinkWriter {
   unsigned frameNumber_ = 0;
   Bytes held_;  // a coalesced frame waiting for its partner
   Clock::time_point heldSince_{};
+  std::minstd_rand random_;  // default seed: the same delays in every run
+  Clock::time_point lastAnswerDue_{};
 };
 
 }  // namespace tallyvane_sim

@@ -61,6 +61,20 @@ packets (the first one, after UpdateAvailable, is report 1).
                             more: a board that stopped mid-transfer
   --stuck-after N           from the Nth stored chunk on, every report asks
                             for the chunk just received again
+  --answer-delay-ms N       write every frame N ms late, acknowledgements
+                            too, as a board busy erasing flash does; frames
+                            keep their order
+  --answer-jitter-ms N      vary each such delay at random by up to N ms
+                            either way, never below 0 (the same sequence in
+                            every run)
+  --stale-after N           from the Nth report on, follow every report at
+                            once with the one before it again
+  --complete-after N        after the Nth stored chunk, follow its report with
+                            an UpdateComplete (once), however much is held
+  --forget-after N          after the Nth stored chunk forget the update, as a
+                            restarted board: every frame is still
+                            acknowledged, no chunk is reported any more (once;
+                            a new UpdateAvailable starts over)
 
 Behaviour. Every well-formed downlink packet that wants an acknowledgement
 is acknowledged with DatalinkPacketAck (its sequence number, ok). Then:
@@ -76,11 +90,12 @@ the transfer. ApplyUpdate ends the sim; so do SIGINT and SIGTERM.
 
 Output, one line each, flushed: "READY" once the FIFOs exist and are open;
 "RX <Type> seq=S ..." per packet received; "TX <n> <Type> ..." per frame
-written; "DROP ..." per withheld packet; "WARN ..." for malformed input;
-"VERDICT ok bytes=N checksum=xxxx version=V", "VERDICT bad-checksum bytes=N
-checksum=xxxx expected=yyyy", "VERDICT bad-length bytes=N expected=M",
-"VERDICT incomplete bytes=R expected=M" or "VERDICT none"; "APPLY" on
-ApplyUpdate. At exit without a verdict for the current transfer, the bytes
+written; "DROP ..." per withheld packet; "FORGET ..." when the update is
+forgotten; "WARN ..." for malformed input; "VERDICT ok bytes=N
+checksum=xxxx version=V", "VERDICT bad-checksum bytes=N checksum=xxxx
+expected=yyyy", "VERDICT bad-length bytes=N expected=M", "VERDICT
+incomplete bytes=R expected=M" or "VERDICT none"; "APPLY" on ApplyUpdate.
+At exit without a verdict for the current transfer, the bytes
 held so far are written (gaps as zeros) and an incomplete (or none) verdict
 is printed.
 
@@ -179,6 +194,11 @@ bool ParseOptions(int argc, char** argv, Options& o, bool& help, std::string& er
       {"--duplicate-reports", frames(o.duplicateReports)},
       {"--mute-after", positive(o.muteAfterChunks)},
       {"--stuck-after", positive(o.stuckAfterChunks)},
+      {"--answer-delay-ms", number(o.answerDelayMs, 600000)},
+      {"--answer-jitter-ms", number(o.answerJitterMs, 600000)},
+      {"--stale-after", positive(o.staleAfterReports)},
+      {"--complete-after", positive(o.completeAfterChunks)},
+      {"--forget-after", positive(o.forgetAfterChunks)},
   };
 
   for (int i = 1; i < argc; ++i) {

@@ -39,6 +39,11 @@ struct Options {
   std::set<unsigned> duplicateReports;
   unsigned muteAfterChunks = 0;   // 0: never
   unsigned stuckAfterChunks = 0;  // 0: never
+  unsigned answerDelayMs = 0;
+  unsigned answerJitterMs = 0;
+  unsigned staleAfterReports = 0;    // 0: never
+  unsigned completeAfterChunks = 0;  // 0: never
+  unsigned forgetAfterChunks = 0;    // 0: never
 };
 
 extern const char* const kUsage;
