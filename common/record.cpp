@@ -79,8 +79,9 @@ void Start(const std::string& target, const std::string& index) {
   Json::Object header;
   header.Add("recording", 1).Add("program", "firmware-updater").Add("version", FWU_VERSION);
   header.Add("target", target).Add("index", index);
-  // The one setting that changes how the run meets its target's answers.
+  // The settings that change how the run meets its target's answers.
   if (const char* stall = std::getenv("QUORVEX_STALL_SECONDS")) header.Add("stall_seconds", stall);
+  if (const char* reader = std::getenv("QUORVEX_TALLYVANE_READER")) header.Add("reader", reader);
   gRecorder = std::make_unique<Recorder>(path, std::move(header), std::cerr);
 }
 

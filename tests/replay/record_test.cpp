@@ -5,6 +5,7 @@
 
 #include <thread>
 
+#include "common/board_record.hpp"
 #include "temp_dir.hpp"
 #include "text.hpp"
 
@@ -41,6 +42,22 @@ INSTANTIATE_TEST_SUITE_P(Lines, AJsonLineParser,
                                            BadLine{"RawLineEnd", "{\"a\":\"b\nc\"}"},
                                            BadLine{"LoneLowSurrogate", R"({"a":"\udc00"})"}),
                          RowName<BadLine>);
+
+// The packets of the wire format's own examples.
+TEST(ABoardLine, GivesAChunkAsItsPositionLengthAndCrcOnly) {
+  const std::uint8_t block[] = {0x0B, 0x12, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xDE, 0xAD, 0x96, 0xB5};
+  const auto line = Record::BoardSent(block, sizeof block);
+  EXPECT_EQ(line.Text(), R"({"dir":"tx","type":18,"seq":255,"position":-2,"bytes":2,"crc32":"f605253b"})");
+  EXPECT_EQ(Record::SentText(line), "type 18 seq 255 position -2, 2 bytes crc32 f605253b");
+}
+
+TEST(ABoardLine, GivesAnyOtherPacketWhole) {
+  const std::uint8_t request[] = {0x05, 0x10, 0x07, 0x54, 0xF8};
+  const auto line = Record::BoardSent(request, sizeof request);
+  EXPECT_EQ(line.Text(), R"({"dir":"tx","type":16,"seq":7,"hex":"05100754f8"})");
+  EXPECT_EQ(Record::SentText(line), "type 16 seq 7 05100754f8");
+  EXPECT_EQ(Record::BoardReceived(request, 2).Text(), R"({"dir":"rx","hex":"0510"})");
+}
 
 struct ARecorder : ::testing::Test {
   Json::Object Header() const { return Json::Object().Add("target", "camera"); }

@@ -5,7 +5,7 @@
 // to FILE (see common/json_line.hpp):
 //
 //   {"recording":1,"program":"firmware-updater","version":"0.1.0",
-//    "target":"camera","index":"0",["stall_seconds":"5",]
+//    "target":"camera","index":"0",["stall_seconds":"5",]["reader":"concurrent",]
 //    "package":"camera-region0-3.bin",
 //    "size":5000,"checksum":41232}
 //   ... one line per exchange, written by the target's own code ...
@@ -14,7 +14,8 @@
 // The first line names the package, which is only known once the target has
 // been asked which one it needs; the exchanges before that are held in
 // memory and follow the header as soon as it is written. A run that ends
-// without a package writes the header without one.
+// without a package writes the header without one. "stall_seconds" and
+// "reader" are QUORVEX_STALL_SECONDS and QUORVEX_TALLYVANE_READER, when set.
 //
 // A recording never costs the update: a file that cannot be opened or
 // written (a bad path, a full disk) costs one warning line on standard error
