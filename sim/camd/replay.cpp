@@ -37,6 +37,7 @@ Replay::Replay(const std::string& path, bool fast, Say say) : fast_(fast), say_(
     if (!line) throw std::runtime_error(path + ":" + std::to_string(number) + ": not a recorded line");
     if (number == 1 && line->String("target") == std::string("camera"))
       camera_ = line->String("index").value_or("0");
+    if (line->Has("exit")) endLine_ = number;
     const auto call = line->String(Updater::Camd::kCallKey);
     if (!call) continue;  // the header, the exit status
     Entry entry;
@@ -49,6 +50,7 @@ Replay::Replay(const std::string& path, bool fast, Say say) : fast_(fast), say_(
     entry.took = std::max<std::int64_t>(0, line->Number(Updater::Camd::kTookKey).value_or(0));
     entries_.push_back(std::move(entry));
   }
+  if (endLine_ == 0) endLine_ = number + 1;
 }
 
 void Replay::Handle(const MethodInfo& method, sdbus::MethodCall& call) {
@@ -67,7 +69,7 @@ void Replay::Handle(const MethodInfo& method, sdbus::MethodCall& call) {
     received_ = std::move(chunk);
   }
   const std::string got = CallText(method.name, args);
-  if (next_ >= entries_.size() || entries_[next_].call != got) return Mismatch(got, call);
+  if (broken_ || next_ >= entries_.size() || entries_[next_].call != got) return Mismatch(got, call);
   const Entry& entry = entries_[next_++];
   if (!fast_ && entry.took > 0) std::this_thread::sleep_for(std::chrono::milliseconds(entry.took));
   Track(method.name, entry);
@@ -79,12 +81,11 @@ void Replay::Handle(const MethodInfo& method, sdbus::MethodCall& call) {
 // Only the first is named; every later call meets the same error, so that
 // the updater ends along its own failure paths.
 void Replay::Mismatch(const std::string& got, sdbus::MethodCall& call) {
-  if (next_ <= entries_.size()) {
-    const std::string expected = next_ < entries_.size() ? entries_[next_].call : "the end of the recording";
-    const int line = next_ < entries_.size() ? entries_[next_].line : -1;
-    say_("REPLAY mismatch at line " + (line > 0 ? std::to_string(line) : std::string("end")) + ": expected " +
-         expected + ", got " + got);
-    next_ = entries_.size() + 1;
+  if (!broken_) {
+    broken_ = true;
+    const bool end = next_ >= entries_.size();
+    say_("REPLAY mismatch at line " + std::to_string(end ? endLine_ : entries_[next_].line) + ": expected " +
+         (end ? std::string("the end of the recording") : entries_[next_].call) + ", got " + got);
   }
   call.createErrorReply(sdbus::Error(kMismatchError, "not in the recording: " + got)).send();
 }

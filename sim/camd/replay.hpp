@@ -60,6 +60,8 @@ class Replay {
   std::string camera_ = "0";
   std::vector<Entry> entries_;
   std::size_t next_ = 0;
+  int endLine_ = 0;  // the exit status's line, or the one after the last
+  bool broken_ = false;
 
   std::int32_t announcedCrc_ = -1;
   std::int32_t announcedLength_ = -1;

@@ -68,6 +68,7 @@ BoardReplay::BoardReplay(const std::string& path, bool fast, Say say) : fast_(fa
     ++number;
     const auto line = Updater::Json::Parse(text);
     const auto dir = line ? line->String("dir") : std::nullopt;
+    if (line && line->Has("exit")) endLine_ = number;
     if (line && line->Number("board_version"))
       boardVersion_ = static_cast<int>(*line->Number("board_version"));
     if (text.empty() || (line && !dir)) continue;  // the header, the version, the exit status
@@ -84,6 +85,7 @@ BoardReplay::BoardReplay(const std::string& path, bool fast, Say say) : fast_(fa
     entry.ms = std::chrono::milliseconds(std::max<std::int64_t>(0, line->Number("ms").value_or(0)));
     entries_.push_back(std::move(entry));
   }
+  if (endLine_ == 0) endLine_ = number + 1;
   ScheduleReads();
 }
 
@@ -101,7 +103,7 @@ void BoardReplay::OnPacket(const Bytes& packet) {
   if (broken_ || next_ >= entries_.size() || entries_[next_].text != got) {
     if (!broken_) {
       const bool end = next_ >= entries_.size();
-      say_("REPLAY mismatch at line " + (end ? std::string("end") : std::to_string(entries_[next_].line)) +
+      say_("REPLAY mismatch at line " + std::to_string(end ? endLine_ : entries_[next_].line) +
            ": expected " + (end ? std::string("the end of the recording") : entries_[next_].text) + ", got " +
            got);
       broken_ = true;
@@ -199,7 +201,7 @@ int RunReplay(const ReplayOptions& replayOptions, const Options& options, int do
   }
   if (const auto version = replay->BoardVersion())
     Board(
-        options, [](Bytes, std::chrono::milliseconds, std::string) {}, say)
+        options, [](const Bytes&, std::chrono::milliseconds, const std::string&) {}, say)
         .WriteVersionFile(*version);
   say("READY uplink=" + options.uplink + " downlink=" + options.downlink + " replay=" + replayOptions.path);
   DownlinkParser parser;

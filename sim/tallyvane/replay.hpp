@@ -92,6 +92,7 @@ class BoardReplay {
   Say say_;
   std::vector<Entry> entries_;
   std::size_t next_ = 0;
+  int endLine_ = 0;  // the exit status's line, or the one after the last
   std::deque<Due> due_;
   bool broken_ = false;
   bool complete_ = false;

@@ -61,14 +61,22 @@ TEST_P(ARecordedSession, ReplaysToTheRecordedEnd) {
   const auto r = RunProcess(UpdaterBinary(), {"camera", header.String("index").value_or("")});
   const std::string said = sim_->Out();
   if (row.mismatchLine > 0) {
-    const auto& at = lines.at(static_cast<std::size_t>(row.mismatchLine));
-    EXPECT_THAT(said, HasSubstr("REPLAY mismatch at line " + std::to_string(row.mismatchLine) +
-                                ": expected " + *at.String("call") + "(" + *at.String("args") + "), got "));
+    const auto at = static_cast<std::size_t>(row.mismatchLine);
+    const std::string expected = at < lines.size() ? lines[at].String("call").value_or("") + "(" +
+                                                         lines[at].String("args").value_or("") + ")"
+                                                   : "the end of the recording";
+    EXPECT_THAT(said, HasSubstr("REPLAY mismatch at line " + std::to_string(at) + ": expected " + expected +
+                                ", got "));
     EXPECT_GE(r.exitStatus, 0);  // ended by itself
     return;
   }
   EXPECT_EQ(r.exitStatus, lines.back().Number("exit").value_or(-1)) << r.out << r.err;
   EXPECT_THAT(said, HasSubstr("REPLAY complete: "));
+  for (const auto& line : lines) {  // the recorded errors, as camd sent them
+    if (const auto message = line.String("message")) {
+      EXPECT_THAT(r.out + r.err, HasSubstr(*message));
+    }
+  }
   EXPECT_THAT(said, Not(HasSubstr("REPLAY mismatch")));
   // camd's recorded delays are replayed: the run takes as long as it did.
   EXPECT_GE(r.elapsed, std::chrono::milliseconds(span * 9 / 10));
