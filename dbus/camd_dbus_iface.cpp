@@ -7,7 +7,9 @@
 #include <iostream>
 
 #include "common/chunk_size.hpp"
+#include "common/record.hpp"
 #include "dbus/bus.hpp"
+#include "dbus/camd_record.hpp"
 #include "dbus/errors.hpp"
 
 namespace Updater::Helpers {
@@ -46,6 +48,37 @@ T ReadFirst(sdbus::MethodReply& reply, Method m) {
   return value;
 }
 
+// The first argument of `reply` as camd sent it, left unread for the caller.
+void AddReply(Json::Object& line, sdbus::MethodReply& reply, Method m) {
+  if (Camd::Info(m).reply == Camd::Reply::None || reply.isEmpty()) return;
+  try {
+    std::string type, contents;
+    reply.peekType(type, contents);
+    if (type == "i") {
+      std::int32_t value = 0;
+      reply >> value;
+      line.Add(Camd::kReplyKey, std::int64_t{value});
+    } else if (type == "b") {
+      bool value = false;
+      reply >> value;
+      line.Add(Camd::kReplyKey, value);
+    }
+  } catch (const sdbus::Error&) {
+    // Whatever it is, reading it is the caller's to fail.
+  }
+  reply.rewind(true);
+}
+
+// One try as a recording's line; the answer is added by the caller.
+template <class... Args>
+Json::Object CallLine(Method m, std::chrono::steady_clock::time_point start, const Args&... args) {
+  Json::Object line;
+  line.Add(Camd::kCallKey, Camd::Info(m).name).Add(Camd::kArgsKey, Camd::ArgsText(args...));
+  const auto took = std::chrono::steady_clock::now() - start;
+  line.Add(Camd::kTookKey, std::int64_t{std::chrono::duration_cast<std::chrono::milliseconds>(took).count()});
+  return line;
+}
+
 }  // namespace
 
 std::shared_ptr<CamdDbusIface> CamdDbusIface::create(const std::string& service, const std::string& path,
@@ -79,12 +112,25 @@ bool CamdDbusIface::PastDeadline() { return deadline_ && clock_.Monotonic() >= *
 
 // One try: connect if need be, build the call from the method table, send it,
 // and wait for the answer when the method has one. Every failure in here is
-// a D-Bus error and counts as a failed try.
+// a D-Bus error and counts as a failed try. Every try is recorded here, the
+// one path all calls take.
 template <class... Args>
 sdbus::MethodReply CamdDbusIface::SendOnce(Method m, const Args&... args) {
+  Record::Recorder* recorder = Record::Active();
+  const auto start = std::chrono::steady_clock::now();
   try {
-    return CallOnce(m, args...);
+    auto reply = CallOnce(m, args...);
+    if (recorder != nullptr) {
+      auto line = CallLine(m, start, args...);
+      AddReply(line, reply, m);
+      recorder->Exchange(std::move(line));
+    }
+    return reply;
   } catch (const sdbus::Error& e) {
+    if (recorder != nullptr)
+      recorder->Exchange(CallLine(m, start, args...)
+                             .Add(Camd::kErrorKey, e.getName())
+                             .Add(Camd::kMessageKey, e.getMessage()));
     // Only here, once the call message is gone: it borrows the connection.
     if (ConnectionBroken(e)) {
       proxy_.reset();

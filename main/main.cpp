@@ -8,6 +8,7 @@
 #include <string>
 
 #include "common/log.hpp"
+#include "common/record.hpp"
 #include "helpers/camera/vyr_camera.hpp"
 #include "helpers/tallyvane/tallyvane.hpp"
 #include "lc/downlink_frame.hpp"
@@ -44,6 +45,7 @@ int main(int argc, char** argv) {
       std::cerr << "Missing camera idx [" << argv[0] << "]" << std::endl;
       return 2;
     }
+    Updater::Record::Start(target, argv[2]);
     Updater::Helpers::UpdateHelper* helper = new Updater::Helpers::VyrCamera(argv[2]);
     {
       Updater::SM::UpdateMachine machine;
@@ -52,6 +54,7 @@ int main(int argc, char** argv) {
       delete helper;  // before the machine goes
     }
   } else if (target == "tallyvane") {
+    Updater::Record::Start(target, "");
     const bool concurrent = Updater::Helpers::Tallyvane::ConcurrentFromEnvironment();
     auto* helper = new Updater::Helpers::Tallyvane(lc::DataDevicePath(), Updater::SystemClock(), concurrent);
     {
@@ -82,5 +85,6 @@ int main(int argc, char** argv) {
   }
 
   Updater::Log::Debug(Colour::Yellow, "Exiting firmware-updater ...");
+  if (auto* recorder = Updater::Record::Active()) recorder->Exit(0);
   return 0;
 }

@@ -13,6 +13,7 @@
 #include "common/crc16.hpp"
 #include "common/image_file.hpp"
 #include "common/log.hpp"
+#include "common/record.hpp"
 #include "common/stall_limit.hpp"
 #include "dbus/camd_methods.hpp"
 #include "helpers/camera/camera_lock.hpp"
@@ -128,6 +129,8 @@ int VyrCamera::CheckWithCamd() {
                            [&](const char* data, std::size_t n) { crc.process_bytes(data, n); }))
     return false;
   const unsigned checksum = crc.checksum();
+  if (auto* recorder = Record::Active())
+    recorder->Package(firmwarePath.substr(firmwarePath.rfind('/') + 1), size, checksum);
 
   // Standard output stays hexadecimal from here on; later lines rely on it.
   std::cout << "Checksum:" << std::hex << checksum << std::endl;

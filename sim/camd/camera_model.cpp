@@ -106,6 +106,18 @@ Faults (RANGES are 1-based call numbers of that method: 3 | 3-12 | 20- | 1,4-6):
   --wrong-type=METHOD    answer every call with the other type (b for i, i for b)
   --slow=METHOD:MS       hold every reply of METHOD for MS milliseconds
   --exit-after=N         end the process (status 3) on receiving the N-th call
+
+Replay (see --replay in the README):
+  --replay=FILE          answer as the update recorded in FILE (QUORVEX_RECORD) was
+                         answered, call by call, each after its recorded delay; serve
+                         the recording's camera; faults and camera options are ignored.
+                         "REPLAY mismatch at line N: expected ..., got ..." on
+                         standard output names the first call the recording does not
+                         have at that point; it and every later call get a D-Bus
+                         error. "REPLAY complete: N calls" follows the last recorded
+                         call; a recording that delivered the image prints its
+                         VERDICT line as the camera would.
+  --replay-fast          no delays
   --help                 this text
 )usage";
 }
@@ -123,6 +135,10 @@ std::optional<Options> ParseOptions(const std::vector<std::string>& args, std::s
       }
       if (arg == "--quiet") {
         options.quiet = true;
+        continue;
+      }
+      if (arg == "--replay-fast") {
+        options.replayFast = true;
         continue;
       }
       if (arg == "--refuse-announcement") {
@@ -174,6 +190,8 @@ std::optional<Options> ParseOptions(const std::vector<std::string>& args, std::s
         const auto colon = value.find(':');
         if (colon == std::string::npos) throw std::invalid_argument("--slow needs METHOD:MS");
         options.slowMs[value.substr(0, colon)] = static_cast<int>(ToLong(value.substr(colon + 1)));
+      } else if (name == "replay") {
+        options.replayPath = value;
       } else if (name == "exit-after") {
         options.exitAfterCalls = ToLong(value);
       } else {

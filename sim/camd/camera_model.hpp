@@ -56,6 +56,9 @@ struct Options {
   std::vector<std::string> wrongTypes;  // methods answering with the other type
   std::map<std::string, int> slowMs;    // reply delay per method
   long exitAfterCalls = 0;              // >0: the process ends on receiving this call
+
+  std::string replayPath;   // answer from this recording instead (see replay.hpp)
+  bool replayFast = false;  // ... without its delays
 };
 
 // Parses the command line; on --help or an error fills `message` and returns

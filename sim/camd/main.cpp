@@ -12,6 +12,7 @@
 
 #include "camera_model.hpp"
 #include "dbus/camd_methods.hpp"
+#include "replay.hpp"
 
 namespace {
 
@@ -23,8 +24,15 @@ class Service {
   explicit Service(const CamdSim::Options& options) : options_(options) {}
 
   void Run() {
+    std::vector<std::string> cameras = options_.cameras;
+    if (!options_.replayPath.empty()) {
+      replay_ =
+          std::make_unique<CamdSim::Replay>(options_.replayPath, options_.replayFast,
+                                            [](const std::string& line) { std::cout << line << std::endl; });
+      cameras = {replay_->Camera()};
+    }
     connection_ = sdbus::createSessionBusConnection();
-    for (const auto& index : options_.cameras) {
+    for (const auto& index : cameras) {
       auto camera = std::make_unique<CamdSim::Camera>(index, options_);
       auto object = sdbus::createObject(*connection_, Updater::Camd::ObjectPath(index));
       for (const auto& method : Updater::Camd::kMethods) {
@@ -68,6 +76,7 @@ class Service {
   }
 
   void Handle(CamdSim::Camera& camera, const MethodInfo& method, sdbus::MethodCall& call) {
+    if (replay_) return replay_->Handle(method, call);
     ++totalCalls_;
     const long nth = ++callsPerMethod_[camera.Index() + "/" + method.name];
     if (options_.exitAfterCalls > 0 && totalCalls_ >= options_.exitAfterCalls) {
@@ -174,6 +183,7 @@ class Service {
 
   const CamdSim::Options& options_;
   std::unique_ptr<sdbus::IConnection> connection_;
+  std::unique_ptr<CamdSim::Replay> replay_;
   std::vector<std::unique_ptr<CamdSim::Camera>> cameras_;
   std::vector<std::unique_ptr<sdbus::IObject>> objects_;
   std::map<std::string, long> callsPerMethod_;
@@ -193,7 +203,7 @@ int main(int argc, char** argv) {
   }
   try {
     Service(*options).Run();
-  } catch (const sdbus::Error& e) {
+  } catch (const std::runtime_error& e) {  // sdbus::Error among them
     std::cerr << "camd-sim: " << e.what() << std::endl;
     return 1;
   }

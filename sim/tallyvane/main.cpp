@@ -15,6 +15,7 @@
 #include "board.hpp"
 #include "link.hpp"
 #include "options.hpp"
+#include "replay.hpp"
 
 namespace {
 
@@ -51,12 +52,15 @@ int main(int argc, char** argv) {
   Options options;
   bool help = false;
   std::string error;
-  if (!ParseOptions(argc, argv, options, help, error)) {
-    std::cerr << "tallyvane-sim: " << error << "\n\n" << kUsage;
+  ReplayOptions replay;
+  std::vector<char*> args;
+  if (!TakeReplayOptions(argc, argv, replay, args, error) ||
+      !ParseOptions(static_cast<int>(args.size()) - 1, args.data(), options, help, error)) {
+    std::cerr << "tallyvane-sim: " << error << "\n\n" << kUsage << kReplayUsage;
     return 2;
   }
   if (help) {
-    std::cout << kUsage;
+    std::cout << kUsage << kReplayUsage;
     return 0;
   }
 
@@ -84,6 +88,15 @@ int main(int argc, char** argv) {
     if (madeUplink) unlink(options.uplink.c_str());
     if (madeDownlink) unlink(options.downlink.c_str());
     return 2;
+  }
+
+  if (!replay.path.empty()) {
+    const int status = RunReplay(replay, options, down, up, gStop, PrintLine);
+    close(up);
+    close(down);
+    if (madeUplink) unlink(options.uplink.c_str());
+    if (madeDownlink) unlink(options.downlink.c_str());
+    return status;
   }
 
   UplinkWriter uplink(up, options, PrintLine);

@@ -27,6 +27,7 @@
 #include <string>
 #include <typeinfo>
 
+#include "common/record.hpp"
 #include "sm/update_helper.hpp"
 
 namespace Updater::SM {
@@ -57,6 +58,11 @@ struct block_sent {
 inline void Trace(const char* what, const char* name) {
   const std::string line = std::string(what) + ": " + name + '\n';
   std::cout.write(line.data(), static_cast<std::streamsize>(line.size())).flush();
+}
+
+// The status exit(-1) leaves, as a recording of the run names it.
+inline void RecordErrorExit() {
+  if (auto* recorder = Record::Active()) recorder->Exit(255);
 }
 
 // MSM's own hook asserts, which NDEBUG compiles away; an exception inside a
@@ -177,11 +183,13 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
     template <class Event, class FSM>
     void on_entry(Event const&, FSM&) {
       Trace("Entered", "Updating_ErrorExit");
+      RecordErrorExit();
       std::exit(-1);
     }
     template <class Event, class FSM>
     void on_exit(Event const&, FSM&) {
       Trace("Exited", "Updating_ErrorExit");
+      RecordErrorExit();
       std::exit(-1);
     }
   };
