@@ -16,6 +16,7 @@
 #include "common/stall_limit.hpp"
 #include "dbus/camd_methods.hpp"
 #include "helpers/camera/camera_lock.hpp"
+#include "helpers/camera/kept_texts.hpp"
 #include "vyrcam/libvyrcam.hpp"
 
 namespace Updater::Helpers {
@@ -97,7 +98,10 @@ int VyrCamera::CheckWithCamd() {
     return false;
   }
   if (fileVersion <= *cameraVersion) return false;
+  return AnnounceImage();
+}
 
+bool VyrCamera::AnnounceImage() {
   // Unopenable image: report an update anyway and let the block reads stop it.
   const Image::Opened opened = image_.Open(firmwarePath);
   if (opened == Image::Opened::Refused) return false;
@@ -118,7 +122,7 @@ int VyrCamera::CheckWithCamd() {
   const unsigned checksum = crc.checksum();
 
   // Standard output stays hexadecimal from here on; later lines rely on it.
-  std::cout << "Checksum:" << std::hex << checksum << std::endl;
+  std::cout << Kept::kChecksumNoBlank << std::hex << checksum << std::endl;
   // The size twice is what the line has always shown; no chunk count is worked out.
   std::cout << "This file [" << size << "] contains [" << size << "] chunks of [" << camdProxy->packetSize
             << "]" << std::endl;
@@ -167,7 +171,7 @@ int VyrCamera::SendFirmwareBlock(int block) {
 
 int VyrCamera::WaitForAck(unsigned /*block*/) {
   const int status = camdProxy->WaitForAck();
-  if (status != 0 && status != 3) {
+  if (status != kAcked && status != kLastBlockAcked) {
     // A loss has had its ten polls; an error answer comes at once, and a camd
     // that only errs would otherwise be asked again without a pause.
     if (camdProxy->AckFailed()) stall_.Idle();
@@ -178,7 +182,7 @@ int VyrCamera::WaitForAck(unsigned /*block*/) {
   if (sentBytes_ > 0 && sentBlock_ + sentBytes_ > ackedEnd_) {
     ackedEnd_ = sentBlock_ + sentBytes_;
     stall_.Progressed();
-  } else if (status == 0) {
+  } else if (status == kAcked) {
     stall_.Idle();
   }
   progress_.Report(ackedEnd_, imageSize_);
