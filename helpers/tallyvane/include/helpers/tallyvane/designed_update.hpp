@@ -26,16 +26,16 @@ class DesignedUpdate : public UpdateMode {
   // its running flag is cleared.
   void EndRun() override;
 
+ protected:
+  bool SendCounted(VYRCam::FirmwareBlock& block, int position, std::size_t bytes) override;
+
+ private:
   // Whether a block report came within about five seconds.
   bool WaitForBlockReport();
   // One attempt: kAcked when the board acknowledged what was sent, else
   // kResend after twelve pauses.
   int AwaitBlockAck();
 
- protected:
-  bool SendCounted(VYRCam::FirmwareBlock& block, int position, std::size_t bytes) override;
-
- private:
   ReceiveLoop& link_;
   // Firmware blocks sent successfully by this helper.
   int sentBlockCounter = 0;

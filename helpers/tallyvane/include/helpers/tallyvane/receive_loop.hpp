@@ -95,7 +95,8 @@ class ReceiveLoop {
   void ReportSilence();
   int CloseDevice();
   // Hands the frame at `at` to its packet class; Unpack's code, and the
-  // frame's length after the sync bytes in `length`.
+  // frame's length after the sync bytes in `length`. Every frame read from
+  // the board passes here once, in order: the place to watch them all.
   int Dispatch(std::size_t at, int& length);
   // Gives up the bytes from `at` one at a time, each shown with the rest of
   // the read, up to the next sync bytes; returns where they are.

@@ -67,6 +67,7 @@ class SendPath {
   std::uint64_t AckTimeoutMs() const { return ackTimeoutMs; }
 
  private:
+  // Every byte towards the board leaves here, sends and resends alike.
   bool Transmit(const std::vector<std::uint8_t>& bytes) const;
 
   Clock& clock_;
