@@ -10,6 +10,8 @@
 #include <iostream>
 #include <string>
 
+#include "helpers/camera/kept_texts.hpp"
+
 namespace Updater::Dbus {
 
 namespace {
@@ -59,9 +61,9 @@ bool Initialized() { return initialized.load(); }
 
 void Initialize() {
   if (initialized.exchange(true)) {
-    std::cout << "dbus-cxx already initialized" << std::endl;
+    std::cout << Helpers::Kept::kBusAlreadyUp << std::endl;
   } else {
-    std::cout << "Initializing dbus-cxx" << std::endl;
+    std::cout << Helpers::Kept::kBusBringingUp << std::endl;
   }
 }
 

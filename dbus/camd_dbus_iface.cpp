@@ -11,6 +11,8 @@
 #include "dbus/bus.hpp"
 #include "dbus/camd_record.hpp"
 #include "dbus/errors.hpp"
+#include "helpers/camera/kept_texts.hpp"
+#include "sm/ack_status.hpp"
 
 namespace Updater::Helpers {
 
@@ -22,7 +24,6 @@ constexpr int kTries = 5;
 constexpr int kFirstBlockPolls = 10;
 constexpr int kAckPolls = 10;
 constexpr auto kPollPause = std::chrono::milliseconds(200);
-constexpr std::int32_t kLastBlockAcked = 3;
 constexpr auto kDefaultCallTimeout = std::chrono::seconds(25);  // sd-bus's
 
 void LogDbusError(const sdbus::Error& e) { std::cerr << "Dbus::Error: " << e.getMessage() << std::endl; }
@@ -224,7 +225,7 @@ void CamdDbusIface::ClearPendingUpdate() { SendWithTries(Method::ClearPendingUpd
 void CamdDbusIface::DequeuePacket() { SendWithTries(Method::DequeuePacket); }
 
 int CamdDbusIface::GetFirstUpdateBlock() {
-  std::cout << "Asking camd for first update block (really)" << std::endl;
+  std::cout << Kept::kFirstBlockReally << std::endl;
   std::int32_t last = -1;
   for (int poll = 0; poll < kFirstBlockPolls; ++poll) {
     sdbus::MethodReply reply;
@@ -243,7 +244,7 @@ int CamdDbusIface::GetFirstUpdateBlock() {
 
 int CamdDbusIface::WaitForAck() {
   std::cout << "camd waiting for ACK!" << std::endl;
-  std::int32_t status = 1;
+  std::int32_t status = kResend;
   bool lastBlockAcked = false;
   ackFailed_ = false;
   for (int poll = 0; poll < kAckPolls; ++poll) {
@@ -254,31 +255,31 @@ int CamdDbusIface::WaitForAck() {
       // An error answer is treated like a lost chunk, unless camd has
       // already confirmed the whole image.
       std::cout << "Exception caught: " << e.what() << std::endl;
-      status = lastBlockAcked ? kLastBlockAcked : 1;
+      status = lastBlockAcked ? kLastBlockAcked : kResend;
       ackFailed_ = true;
       break;
     }
     status = ReadFirst<std::int32_t>(reply, Method::WaitForAck);
-    if (status == 0) break;
+    if (status == kAcked) break;
     lastBlockAcked = lastBlockAcked || status == kLastBlockAcked;
     clock_.Sleep(kPollPause);
   }
   std::cout << "camd ACK status: " << status << std::endl;
 
-  if (status == 0) {
+  if (status == kAcked) {
     // Grows back only up to where it started; see the halving below.
     if (packetSize < ChunkSize::kLargest) {
       packetSize = ChunkSize::AfterDelivery(packetSize);
       std::cout << "Bumping packet size to [" << packetSize << "]" << std::endl;
     }
-    return 0;
+    return kAcked;
   }
-  if (status == 1) {
+  if (status == kResend) {
     DequeuePacket();
     packetSize = ChunkSize::AfterLoss(packetSize);
     std::cout << "********************* Dropping packet size to [" << packetSize << "]" << std::endl;
     std::cerr << "Caught ACK timeout! Still waiting..." << std::endl;
-    return 1;
+    return kResend;
   }
   return status;
 }

@@ -39,6 +39,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   // A fresh helper per read, so that every input stands on its own.
   Updater::Helpers::Tallyvane helper("/nonexistent");
-  helper.Receive(read.data(), read.size());
+  helper.Link().Receive(read.data(), read.size());
   return 0;
 }

@@ -16,18 +16,6 @@
 
 using Updater::Log::Colour;
 
-namespace {
-// The board helper whose receive thread runs, for the error exit: it ends
-// the process from inside the machine, and the thread must be stopped
-// before the statics it uses are torn down.
-Updater::Helpers::Tallyvane* gRunningReader = nullptr;
-
-void StopRunningReader() {
-  if (gRunningReader != nullptr) gRunningReader->StopReaderThread();
-  gRunningReader = nullptr;
-}
-}  // namespace
-
 int main(int argc, char** argv) {
   // A console that goes away (a closed pipe, `| head`) must never cut an
   // update short: output to it is lost, the update goes on.
@@ -60,23 +48,12 @@ int main(int argc, char** argv) {
     {
       Updater::SM::UpdateMachine machine;
       machine.SetHelper(helper);
-      if (concurrent) {
-        // The board's frames are read from before the update starts, on a
-        // thread of their own, and the run ends with the update.
-        helper->StartReaderThread();
-        gRunningReader = helper;
-        // Without room for the handler, an error exit would leave the reader
-        // thread running under exit(): a run that cannot stop it cleanly
-        // does not start.
-        if (std::atexit(StopRunningReader) != 0) std::abort();
-        machine.start();
-        StopRunningReader();
-      } else {
-        machine.start();
-        // The board's frames are read only from here on, after the machine
-        // has run; the loop ends only if its running flag is cleared.
-        helper->RunReader();
-      }
+      // The mode decides when the board's frames are read: the designed one
+      // only after the machine has run (until the process is ended), the
+      // concurrent one on a thread of its own from before the update on.
+      helper->BeginRun();
+      machine.start();
+      helper->EndRun();
       helper->Close();
       delete helper;
     }

@@ -28,7 +28,7 @@ std::vector<std::uint8_t> ReadOfAcks() {
 void BM_ParseReadOfAcks(benchmark::State& state) {
   Updater::Helpers::Tallyvane helper("/nonexistent");
   const auto read = ReadOfAcks();
-  for (auto _ : state) helper.Receive(read.data(), read.size());
+  for (auto _ : state) helper.Link().Receive(read.data(), read.size());
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * read.size()));
 }
 BENCHMARK(BM_ParseReadOfAcks);

@@ -137,13 +137,13 @@ void BM_ConcurrentUpdate(benchmark::State& state) {
       }
     });
     const Quiet quiet;
-    helper.StartReaderThread();
+    helper.BeginRun();
     const auto start = Steady::now();
     Updater::SM::UpdateMachine machine;
     machine.SetHelper(&helper);
     machine.start();
     seconds = std::chrono::duration<double>(Steady::now() - start).count();
-    helper.StopReaderThread();
+    helper.EndRun();
     done = true;
     sampler.join();
     state.SetIterationTime(seconds);

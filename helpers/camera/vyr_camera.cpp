@@ -17,6 +17,7 @@
 #include "common/stall_limit.hpp"
 #include "dbus/camd_methods.hpp"
 #include "helpers/camera/camera_lock.hpp"
+#include "helpers/camera/kept_texts.hpp"
 #include "vyrcam/libvyrcam.hpp"
 
 namespace Updater::Helpers {
@@ -115,7 +116,10 @@ int VyrCamera::CheckWithCamd() {
     return false;
   }
   if (fileVersion <= *cameraVersion) return false;
+  return AnnounceImage();
+}
 
+bool VyrCamera::AnnounceImage() {
   // Unopenable image: report an update anyway and let the block reads stop it.
   const Image::Opened opened = image_.Open(firmwarePath);
   if (opened == Image::Opened::Refused) return false;
@@ -133,7 +137,7 @@ int VyrCamera::CheckWithCamd() {
     recorder->Package(firmwarePath.substr(firmwarePath.rfind('/') + 1), size, checksum);
 
   // Standard output stays hexadecimal from here on; later lines rely on it.
-  std::cout << "Checksum:" << std::hex << checksum << std::endl;
+  std::cout << Kept::kChecksumNoBlank << std::hex << checksum << std::endl;
   // The size twice is what the line has always shown; no chunk count is worked out.
   std::cout << "This file [" << size << "] contains [" << size << "] chunks of [" << camdProxy->packetSize
             << "]" << std::endl;
@@ -182,7 +186,7 @@ int VyrCamera::SendFirmwareBlock(int block) {
 
 int VyrCamera::WaitForAck(unsigned /*block*/) {
   const int status = camdProxy->WaitForAck();
-  if (status != 0 && status != 3) {
+  if (status != kAcked && status != kLastBlockAcked) {
     // A loss has had its ten polls; an error answer comes at once, and a camd
     // that only errs would otherwise be asked again without a pause.
     if (camdProxy->AckFailed()) stall_.Idle();
@@ -193,7 +197,7 @@ int VyrCamera::WaitForAck(unsigned /*block*/) {
   if (sentBytes_ > 0 && sentBlock_ + sentBytes_ > ackedEnd_) {
     ackedEnd_ = sentBlock_ + sentBytes_;
     stall_.Progressed();
-  } else if (status == 0) {
+  } else if (status == kAcked) {
     stall_.Idle();
   }
   progress_.Report(ackedEnd_, imageSize_);

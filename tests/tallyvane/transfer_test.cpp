@@ -124,7 +124,7 @@ TEST_F(AFifoDevice, TakesABurstOf1024BytesInOneRead) {
   ASSERT_EQ(burst.size(), 1024u);
   const int fd = Connect();
   EXPECT_EQ(write(fd, burst.data(), burst.size()), 1024);
-  EXPECT_TRUE(WaitUntil([&] { return helper.State().haveUpdateInfo == 1; }, 5000ms));
+  EXPECT_TRUE(WaitUntil([&] { return helper.Board().State().haveUpdateInfo == 1; }, 5000ms));
   close(fd);
 }
 

@@ -5,6 +5,8 @@
 // come back as results (0, false, a negative block), never as exceptions.
 #pragma once
 
+#include "sm/ack_status.hpp"
+
 namespace Updater::Helpers {
 
 class UpdateHelper {
@@ -19,8 +21,8 @@ class UpdateHelper {
   virtual int GetFirstUpdateBlock() = 0;
   // Non-zero when the chunk at `block` went out.
   virtual int SendFirmwareBlock(int block) = 0;
-  // 0 acknowledged, 1 send the same block again, 3 last block acknowledged;
-  // anything else stops the update where it stands.
+  // An AckStatus: kAcked, kResend or kLastBlockAcked; anything else stops
+  // the update where it stands.
   virtual int WaitForAck(unsigned block) = 0;
   // Next byte position the target wants; negative when there is none.
   virtual int GetNextFirmwareBlock() = 0;

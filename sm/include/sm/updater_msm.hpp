@@ -143,12 +143,12 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
     void on_entry(block_sent const& e, FSM& fsm) {
       std::cout << "Entered: WaitingForAck: " << e.block << std::endl;
       const int status = fsm.helper->WaitForAck(e.block);
-      if (status == 1) {
+      if (status == Helpers::kResend) {
         std::cout << "Ready with block #" << e.block << std::endl;
         fsm.process_event(have_next_block{static_cast<std::int32_t>(e.block)});
-      } else if (status == 3) {
+      } else if (status == Helpers::kLastBlockAcked) {
         fsm.process_event(last_block_ack{});
-      } else if (status == 0) {
+      } else if (status == Helpers::kAcked) {
         const int next = fsm.helper->GetNextFirmwareBlock();
         if (next >= 0) {
           std::cout << "Ready with block #" << next << std::endl;

@@ -60,6 +60,9 @@ class VyrCamera : public UpdateHelper {
  private:
   bool TakeLock(std::optional<Clock::steady_point> deadline);
   int CheckWithCamd();
+  // Opens the package CheckWithCamd() found newer, takes its checksum and
+  // announces it to camd; whether the update goes ahead.
+  bool AnnounceImage();
 
   std::shared_ptr<CamdDbusIface> camdProxy;
   std::int32_t blockSize = 64;

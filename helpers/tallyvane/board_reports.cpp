@@ -1,0 +1,112 @@
+#include "helpers/tallyvane/board_reports.hpp"
+
+#include <iostream>
+
+#include "common/log.hpp"
+#include "helpers/tallyvane/kept_texts.hpp"
+#include "helpers/tallyvane/send_path.hpp"
+#include "vyrcam/packets.hpp"
+
+namespace Updater::Helpers {
+
+using Updater::Log::Colour;
+
+BoardReports::BoardReports(SendPath& send, Clock& clock)
+    : send_(send), clock_(clock), lastProgressPrint(clock.Now()) {}
+
+void BoardReports::OnDatalinkAck(const VYRCam::DatalinkPacketAck& ack) {
+  if (!ack.AckIsOk()) return;
+  send_.RemovePending(ack.AckedSequenceNumber());
+}
+
+void BoardReports::OnUpdateInfo(std::uint16_t partialVersion, std::uint32_t downloaded,
+                                std::uint8_t blockSize, int flashRegion) {
+  (void)blockSize;  // the board's block size does not steer our chunk size
+  downloadedBlocks = static_cast<std::int32_t>(downloaded);
+  partialDlVer = partialVersion;
+  flashSector = flashRegion;
+  // Last, so that whoever sees the flag also sees the values.
+  haveUpdateInfo = 1;
+  Changed();
+  Log::Debug(Colour::Green, "Processed ACK for setUpdateInfo\n", "\tpartialDlVer: [", partialDlVer.load(),
+             "]\n", "\t# DL blocks: [", downloadedBlocks.load(), "]\n", "\tflash Sector: [",
+             flashSector.load(), "]");
+}
+
+void BoardReports::PrintProgress(int lastReceivedPos) const {
+  std::cout << "Processing ACK for firmware block, last byte: [" << lastReceivedPos << "], "
+            << "next byte: [" << nextBlock.load() << "]" << '\n';
+}
+
+void BoardReports::OnBlockReport(int lastReceivedPos, std::uint32_t next) {
+  const int nextPos = static_cast<int>(next);
+  nextBlock = nextPos;
+  if (lastReceivedPos == -1) firstBlock = nextPos;
+  lastReceived = lastReceivedPos;
+  lastAckedBlock = lastReceivedPos;
+  blockReportReceived = 1;
+  Changed();
+
+  // The end of the image is always worth a line; otherwise the console
+  // would scroll one line per chunk.
+  if (nextPos == -1) {
+    PrintProgress(lastReceivedPos);
+    return;
+  }
+  const auto now = clock_.Now();
+  const auto sinceLast =
+      std::chrono::duration_cast<std::chrono::milliseconds>(now - lastProgressPrint).count();
+  if (sinceLast <= progressPrintIntervalMs) return;
+  lastProgressPrint = now;
+  if (lastReceivedPos != -1) PrintProgress(lastReceivedPos);
+}
+
+void BoardReports::OnUpdateComplete() {
+  if (updateCompleted) return;
+  blockReportReceived = 1;
+  updateCompleted = 1;
+  std::cout << Kept::kLastAckedBlock << lastAckedBlock.load() << Kept::kLastSentBlockUnclosed
+            << lastSentBlock.load() << ", setting them equal." << '\n';
+  nextBlock = -1;
+  const int sent = lastSentBlock;
+  if (sent == -1) firstBlock = -1;
+  lastReceived = sent;
+  lastAckedBlock = sent;
+  blockReportReceived = 1;
+  PrintProgress(sent);
+
+  VYRCam::ApplyUpdate apply;
+  send_.SendPacket(apply);
+  applySequence = static_cast<int>(apply.SequenceNumber() & 0xFF);
+  Changed();
+  Log::Debug(Colour::Green, "Tell UI, or whoever, that the update has completed!");
+}
+
+void BoardReports::OnUpdateError() {
+  send_.DropPending();
+  ResetUpdateState();
+  ++updateErrors;
+  Changed();
+}
+
+void BoardReports::ResetUpdateState() {
+  updateCompleted = 0;
+  partialDlVer = 0;
+  downloadedBlocks = 0;
+  haveUpdateInfo = 0;
+  firstBlock = 0;
+  lastReceived = -1;
+  nextBlock = -1;
+  blockReportReceived = 0;
+  lastSentBlock = -1;
+  lastAckedBlock = -1;
+}
+
+BoardReports::LinkState BoardReports::State() const {
+  return LinkState{updateCompleted.load(), partialDlVer.load(),   downloadedBlocks.load(),
+                   flashSector.load(),     haveUpdateInfo.load(), firstBlock.load(),
+                   lastReceived.load(),    nextBlock.load(),      blockReportReceived.load(),
+                   lastSentBlock.load(),   lastAckedBlock.load()};
+}
+
+}  // namespace Updater::Helpers
