@@ -10,6 +10,8 @@
 #include <iostream>
 #include <string>
 
+#include "common/console.hpp"
+
 namespace Updater::Dbus {
 
 namespace {
@@ -58,11 +60,9 @@ bool AnswersWithin(const std::string& address, std::chrono::microseconds timeout
 bool Initialized() { return initialized.load(); }
 
 void Initialize() {
-  if (initialized.exchange(true)) {
-    std::cout << "dbus-cxx already initialized" << std::endl;
-  } else {
-    std::cout << "Initializing dbus-cxx" << std::endl;
-  }
+  const bool before = initialized.exchange(true);
+  if (!Console::Detail()) return;
+  std::cout << (before ? "dbus-cxx already initialized" : "Initializing dbus-cxx") << std::endl;
 }
 
 std::unique_ptr<sdbus::IConnection> ConnectSessionBus(std::chrono::microseconds timeout) {

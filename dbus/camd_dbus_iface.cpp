@@ -6,6 +6,7 @@
 #include <chrono>
 #include <iostream>
 
+#include "common/console.hpp"
 #include "dbus/bus.hpp"
 #include "dbus/errors.hpp"
 
@@ -137,14 +138,14 @@ void CamdDbusIface::SendWithTries(Method m) {
 }
 
 std::optional<std::int32_t> CamdDbusIface::ReadCameraFirmwareVersion() {
-  std::cout << "Asking camd for firmware version" << std::endl;
+  if (Console::Detail()) std::cout << "Asking camd for firmware version" << std::endl;
   return CallWithTries<std::int32_t>(Method::GetCameraFirmwareVersion);
 }
 
 int CamdDbusIface::GetCameraFirmwareVersion() { return ReadCameraFirmwareVersion().value_or(-1); }
 
 int CamdDbusIface::GetPreviouslyDownloadedChunks() {
-  std::cout << "Asking camd for downloaded chunks" << std::endl;
+  if (Console::Detail()) std::cout << "Asking camd for downloaded chunks" << std::endl;
   return CallWithTries<std::int32_t>(Method::GetPreviouslyDownloadedChunks).value_or(-1);
 }
 
@@ -167,7 +168,7 @@ bool CamdDbusIface::UpdateInfoReceived() {
 }
 
 bool CamdDbusIface::SendFirmwareBlock(int block, const std::vector<unsigned char>& data) {
-  std::cout << "Sending camd firmware block" << std::endl;
+  if (Console::Detail()) std::cout << "Sending camd firmware block" << std::endl;
   return CallWithTries<bool>(Method::SendFirmwareBlock, std::int32_t{block}, data).value_or(false);
 }
 
@@ -178,7 +179,7 @@ void CamdDbusIface::ClearPendingUpdate() { SendWithTries(Method::ClearPendingUpd
 void CamdDbusIface::DequeuePacket() { SendWithTries(Method::DequeuePacket); }
 
 int CamdDbusIface::GetFirstUpdateBlock() {
-  std::cout << "Asking camd for first update block (really)" << std::endl;
+  if (Console::Detail()) std::cout << "Asking camd for first update block (really)" << std::endl;
   std::int32_t last = -1;
   for (int poll = 0; poll < kFirstBlockPolls; ++poll) {
     sdbus::MethodReply reply;
@@ -196,7 +197,7 @@ int CamdDbusIface::GetFirstUpdateBlock() {
 }
 
 int CamdDbusIface::WaitForAck() {
-  std::cout << "camd waiting for ACK!" << std::endl;
+  if (Console::Detail()) std::cout << "camd waiting for ACK!" << std::endl;
   std::int32_t status = 1;
   bool lastBlockAcked = false;
   ackFailed_ = false;
@@ -217,20 +218,21 @@ int CamdDbusIface::WaitForAck() {
     lastBlockAcked = lastBlockAcked || status == kLastBlockAcked;
     clock_.Sleep(kPollPause);
   }
-  std::cout << "camd ACK status: " << status << std::endl;
+  if (Console::Detail()) std::cout << "camd ACK status: " << status << std::endl;
 
   if (status == 0) {
     // Grows back only up to where it started; see the halving below.
     if (packetSize <= kMaxGrowablePacket) {
       packetSize *= 2;
-      std::cout << "Bumping packet size to [" << packetSize << "]" << std::endl;
+      if (Console::Detail()) std::cout << "Bumping packet size to [" << packetSize << "]" << std::endl;
     }
     return 0;
   }
   if (status == 1) {
     DequeuePacket();
     if (packetSize > 1) packetSize /= 2;
-    std::cout << "********************* Dropping packet size to [" << packetSize << "]" << std::endl;
+    if (Console::Detail())
+      std::cout << "********************* Dropping packet size to [" << packetSize << "]" << std::endl;
     std::cerr << "Caught ACK timeout! Still waiting..." << std::endl;
     return 1;
   }

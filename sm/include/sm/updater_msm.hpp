@@ -27,6 +27,7 @@
 #include <string>
 #include <typeinfo>
 
+#include "common/console.hpp"
 #include "sm/update_helper.hpp"
 
 namespace Updater::SM {
@@ -54,9 +55,18 @@ struct block_sent {
 // One trace line: "Entered: X", "Exited: X", "Action: X".
 // One write, so that a line printed meanwhile by another thread cannot land
 // inside it.
+// Summary mode prints none, and builds none.
 inline void Trace(const char* what, const char* name) {
+  if (!Console::Detail()) return;
   const std::string line = std::string(what) + ": " + name + '\n';
   std::cout.write(line.data(), static_cast<std::streamsize>(line.size())).flush();
+}
+
+// The error exit: the process ends here, with status 255.
+[[noreturn]] inline void ErrorEnd() {
+  Console::Milestone("Result: the update failed part way; the next run starts it again");
+  Console::Milestone("Exit status 255: the update failed (no closing line follows)");
+  std::exit(-1);
 }
 
 // MSM's own hook asserts, which NDEBUG compiles away; an exception inside a
@@ -109,8 +119,10 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
     void on_entry(Event const&, FSM& fsm) {
       Trace("Entered", kName);
       const int first = fsm.helper->GetFirstUpdateBlock();
-      std::cout << "                First:" << static_cast<unsigned>(first) << std::endl;
-      std::cout << "Ready with block #" << first << std::endl;
+      if (Console::Detail()) {
+        std::cout << "                First:" << static_cast<unsigned>(first) << std::endl;
+        std::cout << "Ready with block #" << first << std::endl;
+      }
       fsm.process_event(have_next_block{first});
     }
   };
@@ -119,7 +131,7 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
     static constexpr const char* kName = "SendingBlock";
     template <class FSM>
     void on_entry(have_next_block const& e, FSM& fsm) {
-      std::cout << "Entered: SendingBlock: " << e.block << std::endl;
+      if (Console::Detail()) std::cout << "Entered: SendingBlock: " << e.block << std::endl;
       if (fsm.helper->SendFirmwareBlock(e.block))
         fsm.process_event(block_sent{static_cast<std::uint32_t>(e.block)});
       else
@@ -135,17 +147,17 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
     static constexpr const char* kName = "WaitingForAck";
     template <class FSM>
     void on_entry(block_sent const& e, FSM& fsm) {
-      std::cout << "Entered: WaitingForAck: " << e.block << std::endl;
+      if (Console::Detail()) std::cout << "Entered: WaitingForAck: " << e.block << std::endl;
       const int status = fsm.helper->WaitForAck(e.block);
       if (status == 1) {
-        std::cout << "Ready with block #" << e.block << std::endl;
+        if (Console::Detail()) std::cout << "Ready with block #" << e.block << std::endl;
         fsm.process_event(have_next_block{static_cast<std::int32_t>(e.block)});
       } else if (status == 3) {
         fsm.process_event(last_block_ack{});
       } else if (status == 0) {
         const int next = fsm.helper->GetNextFirmwareBlock();
         if (next >= 0) {
-          std::cout << "Ready with block #" << next << std::endl;
+          if (Console::Detail()) std::cout << "Ready with block #" << next << std::endl;
           fsm.process_event(have_next_block{next});
         } else {
           std::cout << "Didn't get an ACK... exiting?" << std::endl;
@@ -177,12 +189,12 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
     template <class Event, class FSM>
     void on_entry(Event const&, FSM&) {
       Trace("Entered", "Updating_ErrorExit");
-      std::exit(-1);
+      ErrorEnd();
     }
     template <class Event, class FSM>
     void on_exit(Event const&, FSM&) {
       Trace("Exited", "Updating_ErrorExit");
-      std::exit(-1);
+      ErrorEnd();
     }
   };
 
@@ -245,6 +257,7 @@ struct updaterMSM_ : MachineBase<updaterMSM_> {
     template <class Event, class FSM, class Source, class Target>
     void operator()(Event const&, FSM&, Source&, Target&) {
       Trace("Action", "done_updating");
+      Console::Milestone("Result: the target acknowledged the whole image; update done");
     }
   };
 
