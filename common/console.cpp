@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -35,11 +36,13 @@ Progress::Progress(std::string subject, Clock& clock, std::ostream& os, bool ter
     : subject_(std::move(subject)), clock_(clock), os_(os), terminal_(terminal), redraw_(redraw) {}
 
 Progress StandardProgress(std::string subject, Clock& clock) {
-  return Progress(std::move(subject), clock, std::cout, isatty(STDOUT_FILENO) == 1);
+  Progress progress(std::move(subject), clock, std::cout, isatty(STDOUT_FILENO) == 1);
+  progress.silent_ = Detail();
+  return progress;
 }
 
 void Progress::Report(std::int64_t done, std::int64_t total) {
-  if (Detail() || finished_ || total <= 0) return;
+  if (silent_ || finished_ || total <= 0) return;
   const auto now = clock_.Monotonic();
   if (!start_) start_ = now;
   done = std::clamp<std::int64_t>(done, 0, total);
@@ -72,7 +75,7 @@ std::string Progress::Text(std::int64_t done, std::int64_t total, std::int64_t p
     return text;
   }
   const double rate = static_cast<double>(done) / seconds;
-  const auto left = static_cast<long long>(static_cast<double>(total - done) / rate + 0.5);
+  const long long left = std::llround(static_cast<double>(total - done) / rate);
   (void)std::snprintf(text, sizeof text,
                       "Progress of %s: %3lld%% (%lld/%lld bytes), %.1f KiB/s, %lld:%02lld left",
                       subject_.c_str(), static_cast<long long>(percent), static_cast<long long>(done),

@@ -38,7 +38,8 @@ inline bool Detail() { return CurrentMode() == Mode::Designed; }
 // console's trace would have shown of the run's end. Any thread.
 void Milestone(const std::string& text);
 
-// Progress of a transfer, for summary mode. On a terminal one line redrawn
+// Progress of a transfer, for summary mode (StandardProgress() is silent in
+// the designed console, which has lines of its own). On a terminal one line redrawn
 // in place ("\r") at most every `redraw` (percent, bytes, rate, time left)
 // and ended with a newline once the whole image is acknowledged; elsewhere
 // one line each time the transfer passes a tenth of the image. Called by the
@@ -47,10 +48,11 @@ class Progress {
  public:
   Progress(std::string subject, Clock& clock, std::ostream& os, bool terminal,
            std::chrono::nanoseconds redraw = std::chrono::milliseconds(100));
-  // `done` of `total` bytes acknowledged so far. Prints nothing in the designed console.
+  // `done` of `total` bytes acknowledged so far.
   void Report(std::int64_t done, std::int64_t total);
 
  private:
+  friend Progress StandardProgress(std::string subject, Clock& clock);
   std::string Text(std::int64_t done, std::int64_t total, std::int64_t percent,
                    Clock::steady_point now) const;
 
@@ -58,19 +60,22 @@ class Progress {
   Clock& clock_;
   std::ostream& os_;
   bool terminal_;
+  bool silent_ = false;
   std::chrono::nanoseconds redraw_;
   std::optional<Clock::steady_point> start_, lastDrawn_;
   std::int64_t tenthsShown_ = 0;
   bool finished_ = false;
 };
 
-// A Progress on standard output, live when standard output is a terminal.
+// A Progress on standard output, live when standard output is a terminal;
+// one that prints nothing in the designed console.
 Progress StandardProgress(std::string subject, Clock& clock);
 
 // Bytes a receive path threw away, for summary mode: instead of a line per
 // read or per byte, at most one line per `interval`, "Dropped <n> bytes
 // from <subject> (<total> in all)" on standard error. Any thread: the
-// receive thread adds, the update thread may Flush() at the end.
+// receive thread adds, the update thread may Flush() at the end. The caller
+// counts instead of printing only in summary mode (!Detail()).
 class DropCounter {
  public:
   DropCounter(std::string subject, Clock& clock, std::ostream& os,
