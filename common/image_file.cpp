@@ -49,7 +49,7 @@ bool File::is_open() const { return buffer_.fd >= 0; }
 void File::close() {
   if (buffer_.fd >= 0) ::close(buffer_.fd);
   buffer_.fd = -1;
-  buffer_.pubseekoff(0, std::ios::beg, std::ios::in);  // drops what was buffered
+  buffer_.Drop();
   setstate(std::ios::failbit);
 }
 
@@ -78,27 +78,37 @@ Opened File::Open(const std::string& path) {
   return Opened::Yes;
 }
 
+// Reads at the buffer's own file position (pread), so that a seek costs no
+// system call: a chunk costs one fstat() for the file's length and one read.
 File::Buffer::int_type File::Buffer::underflow() {
   if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
   if (fd < 0) return traits_type::eof();
   ssize_t got;
   do {
-    got = ::read(fd, bytes_, sizeof bytes_);
+    got = ::pread(fd, bytes_, sizeof bytes_, next_);
   } while (got < 0 && errno == EINTR);
   if (got <= 0) return traits_type::eof();
+  next_ += got;
   setg(bytes_, bytes_, bytes_ + got);
   return traits_type::to_int_type(*gptr());
 }
 
 File::Buffer::pos_type File::Buffer::seekoff(off_type offset, std::ios_base::seekdir from,
                                              std::ios_base::openmode) {
-  // The descriptor stands past what is buffered but not yet taken.
-  if (from == std::ios_base::cur) offset -= egptr() - gptr();
-  setg(bytes_, bytes_, bytes_);
   if (fd < 0) return pos_type(off_type(-1));
-  const int whence = from == std::ios_base::beg ? SEEK_SET : from == std::ios_base::cur ? SEEK_CUR : SEEK_END;
-  const off_t at = lseek(fd, static_cast<off_t>(offset), whence);
-  return at < 0 ? pos_type(off_type(-1)) : pos_type(static_cast<off_type>(at));
+  off_t base = next_ - (egptr() - gptr());  // where the reader stands
+  if (from == std::ios_base::beg) base = 0;
+  if (from == std::ios_base::end) {
+    struct stat st {};
+    if (fstat(fd, &st) != 0) return pos_type(off_type(-1));
+    base = st.st_size;
+  }
+  const off_t at = base + static_cast<off_t>(offset);
+  if (at < 0) return pos_type(off_type(-1));
+  // Every chunk is read afresh from the file, even one that was buffered.
+  setg(bytes_, bytes_, bytes_);
+  next_ = at;
+  return pos_type(static_cast<off_type>(at));
 }
 
 File::Buffer::pos_type File::Buffer::seekpos(pos_type position, std::ios_base::openmode mode) {

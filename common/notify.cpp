@@ -12,11 +12,15 @@ void Notify(const std::string& state) { sd_notify(0, state.c_str()); }
 
 ProgressNotifier::ProgressNotifier(std::string subject, Clock& clock, std::chrono::microseconds keepAlive,
                                    std::chrono::nanoseconds interval)
-    : subject_(std::move(subject)), clock_(clock), keepAlive_(keepAlive), interval_(interval) {}
+    : subject_(std::move(subject)),
+      clock_(clock),
+      keepAlive_(keepAlive),
+      interval_(interval),
+      listened_(std::getenv("NOTIFY_SOCKET") != nullptr) {}
 
 void ProgressNotifier::Report(std::int64_t done, std::int64_t total) {
   // Called once per acknowledged chunk: nothing to format when nobody listens.
-  if (std::getenv("NOTIFY_SOCKET") == nullptr) return;
+  if (!listened_) return;
   const bool complete = done >= total;
   const auto now = clock_.Now();
   if (complete ? completeSent_ : (last_ && now - *last_ < interval_)) return;

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "helpers/camera/kept_texts.hpp"
+#include "common/console.hpp"
 
 namespace Updater::Dbus {
 
@@ -60,11 +61,9 @@ bool AnswersWithin(const std::string& address, std::chrono::microseconds timeout
 bool Initialized() { return initialized.load(); }
 
 void Initialize() {
-  if (initialized.exchange(true)) {
-    std::cout << Helpers::Kept::kBusAlreadyUp << std::endl;
-  } else {
-    std::cout << Helpers::Kept::kBusBringingUp << std::endl;
-  }
+  const bool before = initialized.exchange(true);
+  if (!Console::Detail()) return;
+  std::cout << (before ? Helpers::Kept::kBusAlreadyUp : Helpers::Kept::kBusBringingUp) << std::endl;
 }
 
 std::unique_ptr<sdbus::IConnection> ConnectSessionBus(std::chrono::microseconds timeout) {

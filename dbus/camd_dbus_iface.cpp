@@ -8,6 +8,7 @@
 
 #include "common/chunk_size.hpp"
 #include "common/record.hpp"
+#include "common/console.hpp"
 #include "dbus/bus.hpp"
 #include "dbus/camd_record.hpp"
 #include "dbus/errors.hpp"
@@ -184,14 +185,14 @@ void CamdDbusIface::SendWithTries(Method m) {
 }
 
 std::optional<std::int32_t> CamdDbusIface::ReadCameraFirmwareVersion() {
-  std::cout << "Asking camd for firmware version" << std::endl;
+  if (Console::Detail()) std::cout << "Asking camd for firmware version" << std::endl;
   return CallWithTries<std::int32_t>(Method::GetCameraFirmwareVersion);
 }
 
 int CamdDbusIface::GetCameraFirmwareVersion() { return ReadCameraFirmwareVersion().value_or(-1); }
 
 int CamdDbusIface::GetPreviouslyDownloadedChunks() {
-  std::cout << "Asking camd for downloaded chunks" << std::endl;
+  if (Console::Detail()) std::cout << "Asking camd for downloaded chunks" << std::endl;
   return CallWithTries<std::int32_t>(Method::GetPreviouslyDownloadedChunks).value_or(-1);
 }
 
@@ -214,7 +215,7 @@ bool CamdDbusIface::UpdateInfoReceived() {
 }
 
 bool CamdDbusIface::SendFirmwareBlock(int block, const std::vector<unsigned char>& data) {
-  std::cout << "Sending camd firmware block" << std::endl;
+  if (Console::Detail()) std::cout << "Sending camd firmware block" << std::endl;
   return CallWithTries<bool>(Method::SendFirmwareBlock, std::int32_t{block}, data).value_or(false);
 }
 
@@ -225,7 +226,7 @@ void CamdDbusIface::ClearPendingUpdate() { SendWithTries(Method::ClearPendingUpd
 void CamdDbusIface::DequeuePacket() { SendWithTries(Method::DequeuePacket); }
 
 int CamdDbusIface::GetFirstUpdateBlock() {
-  std::cout << Kept::kFirstBlockReally << std::endl;
+  if (Console::Detail()) std::cout << Kept::kFirstBlockReally << std::endl;
   std::int32_t last = -1;
   for (int poll = 0; poll < kFirstBlockPolls; ++poll) {
     sdbus::MethodReply reply;
@@ -243,7 +244,7 @@ int CamdDbusIface::GetFirstUpdateBlock() {
 }
 
 int CamdDbusIface::WaitForAck() {
-  std::cout << "camd waiting for ACK!" << std::endl;
+  if (Console::Detail()) std::cout << "camd waiting for ACK!" << std::endl;
   std::int32_t status = kResend;
   bool lastBlockAcked = false;
   ackFailed_ = false;
@@ -264,20 +265,21 @@ int CamdDbusIface::WaitForAck() {
     lastBlockAcked = lastBlockAcked || status == kLastBlockAcked;
     clock_.Sleep(kPollPause);
   }
-  std::cout << "camd ACK status: " << status << std::endl;
+  if (Console::Detail()) std::cout << "camd ACK status: " << status << std::endl;
 
   if (status == kAcked) {
     // Grows back only up to where it started; see the halving below.
     if (packetSize < ChunkSize::kLargest) {
       packetSize = ChunkSize::AfterDelivery(packetSize);
-      std::cout << "Bumping packet size to [" << packetSize << "]" << std::endl;
+      if (Console::Detail()) std::cout << "Bumping packet size to [" << packetSize << "]" << std::endl;
     }
     return kAcked;
   }
   if (status == kResend) {
     DequeuePacket();
     packetSize = ChunkSize::AfterLoss(packetSize);
-    std::cout << "********************* Dropping packet size to [" << packetSize << "]" << std::endl;
+    if (Console::Detail())
+      std::cout << "********************* Dropping packet size to [" << packetSize << "]" << std::endl;
     std::cerr << "Caught ACK timeout! Still waiting..." << std::endl;
     return kResend;
   }

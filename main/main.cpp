@@ -7,6 +7,7 @@
 #include <iostream>
 #include <string>
 
+#include "common/console.hpp"
 #include "common/log.hpp"
 #include "common/record.hpp"
 #include "helpers/camera/vyr_camera.hpp"
@@ -20,6 +21,8 @@ int main(int argc, char** argv) {
   // A console that goes away (a closed pipe, `| head`) must never cut an
   // update short: output to it is lost, the update goes on.
   (void)std::signal(SIGPIPE, SIG_IGN);  // cannot fail for a valid signal
+  // Read before anything is printed, so that a misspelt mode's warning comes first.
+  (void)Updater::Console::CurrentMode();
   if (argc < 2) {
     // Naming the program path here, not a target, is what users have always seen.
     std::cerr << "Missing target for [" << argv[0] << "]" << std::endl;
@@ -61,6 +64,8 @@ int main(int argc, char** argv) {
     std::cerr << "Invalid target [" << target << "] given, quitting " << argv[0] << std::endl;
   }
 
+  Updater::Console::Milestone(
+      "Exit status 0: the run is over; the lines above say whether an image was delivered");
   Updater::Log::Debug(Colour::Yellow, "Exiting firmware-updater ...");
   if (auto* recorder = Updater::Record::Active()) recorder->Exit(0);
   return 0;

@@ -59,7 +59,8 @@ VyrCamera::VyrCamera(std::string cameraIndex, Clock& clock)
       clock_(clock),
       stall_(StallLimitFromEnvironment(), clock),
       progress_("camera " + cameraIndex_, clock,
-                stall_.Limit().value_or(kDefaultStallLimit) + kProgressMargin) {
+                stall_.Limit().value_or(kDefaultStallLimit) + kProgressMargin),
+      progressLine_(Console::StandardProgress("camera " + cameraIndex_, clock)) {
   Dbus::Initialize();
   camdProxy = CamdDbusIface::create(Camd::kService, Camd::ObjectPath(cameraIndex_), Camd::kInterface, clock_);
 }
@@ -175,7 +176,8 @@ int VyrCamera::SendFirmwareBlock(int block) {
   if (!image_.is_open()) return false;
   const std::int32_t size = ProtocolSize(static_cast<std::uint64_t>(Image::Length(image_)));
 
-  std::cout << "This block: [" << block << "], blockSize: [" << blockSize << "]" << std::endl;
+  if (Console::Detail())
+    std::cout << "This block: [" << block << "], blockSize: [" << blockSize << "]" << std::endl;
   auto chunk = Image::ReadChunk(image_, size, block, blockSize);
   if (!chunk) return false;
   sentBlock_ = block;
@@ -201,6 +203,7 @@ int VyrCamera::WaitForAck(unsigned /*block*/) {
     stall_.Idle();
   }
   progress_.Report(ackedEnd_, imageSize_);
+  progressLine_.Report(ackedEnd_, imageSize_);
   return status;
 }
 

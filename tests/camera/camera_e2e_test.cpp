@@ -20,6 +20,11 @@ const std::string kClosing = kYellow + "Exiting firmware-updater ..." + kReset;
 const std::string kErrorExit = "Entered: Updating_ErrorExit\n";
 const std::string kNotNeeded =
     "          Update not needed, exiting...\nExited: UpdateInit\nEntered: UpdateDone\n" + kClosing;
+// The summary console: the designed console's milestones, no trace and no chunk lines.
+const std::string kSummaryStart = kYellow + "Update target selected as camera" + kReset + "File version: 3\n";
+const std::string kEnd =
+    "Exit status 0: the run is over; the lines above say whether an image was delivered\n" + kClosing;
+const std::string kDone = "Result: the target acknowledged the whole image; update done\n" + kEnd;
 
 ProcessResult RunUpdater(const ProcessOptions& options = {}) {
   return RunProcess(UpdaterBinary(), {"camera", "0"}, options);
@@ -35,6 +40,10 @@ struct RunRow {
   std::string tail;  // of standard output
   int seconds;       // the run's length, within 5 s
   bool silentBus = false;
+  const char* console = nullptr;  // QUORVEX_CONSOLE, when set
+  std::string head = kStart + "Entered: UpdateInit\n";
+  std::size_t lines = 999;  // at most, on both streams
+  bool terminal = false;    // standard output a pseudo-terminal
 };
 const RunRow kRuns[] = {
     // The update check leaves standard output hexadecimal, and the machine's trace shows it.
@@ -47,6 +56,23 @@ const RunRow kRuns[] = {
     {"BusNeverAnswers", "", "2", /*status=*/0, /*dbusErrors=*/1,
      "Dbus::Error: The bus did not answer within ", "Entered: UpdateInit\n" + kNotNeeded, /*seconds=*/2,
      /*silentBus=*/true},
+    {"UpdatedInSummary", "--lose-acks=2-11", nullptr, /*status=*/0, /*dbusErrors=*/0,
+     "Caught ACK timeout! Still waiting...\n", "Progress of camera 0: 100% (5000/5000 bytes)\n" + kDone,
+     /*seconds=*/2, false, "summary", kSummaryStart, /*lines=*/30},
+    {"RefusedInSummary", "--refuse-announcement", nullptr, /*status=*/0, /*dbusErrors=*/0,
+     "\033[0;31mfw-updater Debug: [ERROR] -- camd did not take the announcement of version 3 ([5000] bytes",
+     "          Update not needed, exiting...\n" + kEnd, /*seconds=*/0, false, "summary", kSummaryStart, 30},
+    {"FailedInSummary", "--fail-send=3", nullptr, /*status=*/255, /*dbusErrors=*/0, "Update needed",
+     "Result: the update failed part way; the next run starts it again\n"
+     "Exit status 255: the update failed (no closing line follows)\n",
+     /*seconds=*/0, false, "summary", kSummaryStart, 30},
+    // Redrawn in place at most ten times a second, and ended with a newline.
+    {"LiveOnATerminal", "--version=2", nullptr, /*status=*/0, /*dbusErrors=*/0,
+     "\rProgress of camera 0:   1% (64/5000 bytes)", " 0:00 left\033[K\n" + kDone, /*seconds=*/0, false,
+     "summary", kSummaryStart, 30, /*terminal=*/true},
+    {"UnknownConsoleMode", "--version=2", nullptr, /*status=*/0, /*dbusErrors=*/0,
+     "QUORVEX_CONSOLE=[loud] is not a console mode (only \"summary\" is); printing every line\n",
+     "Action: done_updating\nEntered: UpdateDone\n" + kClosing, /*seconds=*/0, false, "loud"},
 };
 class AnUpdaterRun : public CamdBusTest, public ::testing::WithParamInterface<RunRow> {};
 
@@ -56,7 +82,9 @@ TEST_P(AnUpdaterRun, EndsAsDesigned) {
   AddPackage(3, RandomBytes(5000, 13));  // 78 chunks of 64 and one of 8
   if (!row.sim.empty()) StartSim({row.sim});
   if (row.limit) setenv("QUORVEX_STALL_SECONDS", row.limit, 1);
+  if (row.console) setenv("QUORVEX_CONSOLE", row.console, 1);
   ProcessOptions options;
+  options.terminal = row.terminal;
   const int silent = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);  // accepts and never says a word
   if (row.silentBus) {
     sockaddr_un address{AF_UNIX, {}};
@@ -69,10 +97,11 @@ TEST_P(AnUpdaterRun, EndsAsDesigned) {
   close(silent);
   EXPECT_EQ(r.exitStatus, row.status) << r.out << r.err;
   EXPECT_EQ(CountOf(r.err, "Dbus::Error"), row.dbusErrors);
-  EXPECT_THAT(r.out, ::testing::StartsWith(kStart + "Entered: UpdateInit\n"));
+  EXPECT_THAT(r.out, ::testing::StartsWith(row.head));
   EXPECT_THAT(r.out + r.err, HasSubstr(row.has));
   EXPECT_THAT(r.out, ::testing::EndsWith(row.tail));
-  EXPECT_LT(CountOf(r.out + r.err, "\n"), 1000u);  // a few kilobytes, however camd behaves
+  EXPECT_LE(CountOf(r.out + r.err, "\n"), row.lines);  // a few kilobytes at most, however camd behaves
+  EXPECT_LE(CountOf(r.out, "\r"), r.elapsed / 100ms + 1);
   EXPECT_GE(r.elapsed, row.seconds * 1s);
   EXPECT_LT(r.elapsed, (row.seconds + 5) * 1s);
 }

@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "camd_fixture.hpp"
+#include "common/console.hpp"
 #include "common/notify.hpp"
 #include "dbus/camd_methods.hpp"
 #include "helpers/camera/camera_lock.hpp"
@@ -441,6 +442,63 @@ TEST_F(AServiceManager, HearsAtMostALineASecondBesidesTheLast) {
   EXPECT_THAT(notify.Take(),
               ElementsAre("STATUS=camera 7: 10/200 bytes (5%)", "STATUS=camera 7: 30/200 bytes (15%)",
                           "STATUS=camera 7: 200/200 bytes (100%)"));
+}
+
+struct ProgressStep {
+  int waitMs;  // on the clock before the report
+  std::int64_t done;
+};
+struct ProgressRow {
+  std::string name;
+  bool terminal;
+  std::string printed;
+  std::vector<ProgressStep> steps;  // of a 1000-byte image
+};
+const ProgressRow kProgressRows[] = {
+    {"ALineAtEachTenthElsewhere",
+     false,
+     "Progress of camera 7:  10% (100/1000 bytes)\nProgress of camera 7:  35% (350/1000 bytes)\n"
+     "Progress of camera 7: 100% (1000/1000 bytes)\n",
+     {{0, 99}, {0, 100}, {0, 350}, {0, 399}, {0, 1000}, {0, 1000}}},
+    // Redrawn at most every 100 ms, but the last line always, and ended by a newline.
+    {"TenTimesASecondOnATerminal",
+     true,
+     "\rProgress of camera 7:   0% (0/1000 bytes)\033[K"
+     "\rProgress of camera 7:  20% (200/1000 bytes), 2.0 KiB/s, 0:00 left\033[K"
+     "\rProgress of camera 7:  50% (500/1000 bytes), 0.5 KiB/s, 0:01 left\033[K"
+     "\rProgress of camera 7: 100% (1000/1000 bytes), 1.0 KiB/s, 0:00 left\033[K\n",
+     {{0, 0}, {99, 100}, {1, 200}, {900, 500}, {1, 1000}, {1, 1000}}},
+};
+class AProgressLine : public ::testing::TestWithParam<ProgressRow> {};
+
+TEST_P(AProgressLine, IsPrintedAsOftenAsItsConsoleTakes) {
+  FakeClock clock;
+  std::ostringstream out;
+  Console::Progress progress("camera 7", clock, out, GetParam().terminal);
+  for (const ProgressStep& step : GetParam().steps) {
+    clock.Advance(std::chrono::milliseconds(step.waitMs));
+    progress.Report(step.done, 1000);
+  }
+  EXPECT_EQ(out.str(), GetParam().printed);
+}
+INSTANTIATE_TEST_SUITE_P(Consoles, AProgressLine, ValuesIn(kProgressRows), RowName<ProgressRow>);
+
+// Counted all along; a line at the first drop, then at most one a second, and what is left at the end.
+TEST(DroppedBytes, AreReportedAtMostOnceASecond) {
+  FakeClock clock;
+  std::ostringstream out;
+  Console::DropCounter drops("the link", clock, out);
+  drops.Add(5);
+  clock.Advance(999ms);
+  drops.Add(7);
+  clock.Advance(1ms);
+  drops.Add(1);
+  drops.Flush();
+  drops.Add(2);
+  drops.Flush();
+  EXPECT_EQ(out.str(),
+            "Dropped 5 bytes from the link (5 in all)\nDropped 8 bytes from the link (13 in all)\n"
+            "Dropped 2 bytes from the link (15 in all)\n");
 }
 
 }  // namespace

@@ -25,8 +25,8 @@ struct CamdBusTest : ::testing::Test {
     setenv("QUORVEX_LOCK_DIR", fw_.path().c_str(), 1);
   }
   void TearDown() override {
-    for (const char* name :
-         {"QUORVEX_FIRMWARE_DIR", "QUORVEX_LOCK_DIR", "QUORVEX_STALL_SECONDS", "NOTIFY_SOCKET"})
+    for (const char* name : {"QUORVEX_FIRMWARE_DIR", "QUORVEX_LOCK_DIR", "QUORVEX_STALL_SECONDS",
+                             "NOTIFY_SOCKET", "QUORVEX_CONSOLE"})
       unsetenv(name);
     if (held_ >= 0) close(held_);
   }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -55,8 +56,12 @@ std::string UpdaterBinary() {
 ProcessResult RunProcess(const std::string& path, const std::vector<std::string>& args,
                          const ProcessOptions& options) {
   int outPipe[2], errPipe[2];
-  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
-    throw std::runtime_error("pipe failed");
+  termios raw{};
+  cfmakeraw(&raw);  // a terminal that adds no "\r"
+  const bool opened = options.terminal ? openpty(&outPipe[0], &outPipe[1], nullptr, &raw, nullptr) == 0
+                                       : pipe2(outPipe, O_CLOEXEC) == 0;
+  if (!opened || pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  for (const int fd : outPipe) fcntl(fd, F_SETFD, FD_CLOEXEC);
   const auto started = std::chrono::steady_clock::now();
   const pid_t pid = Spawn(path, args, options.argv0, false, [&] {
     dup2(outPipe[1], STDOUT_FILENO);

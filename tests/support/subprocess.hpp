@@ -25,6 +25,7 @@ struct ProcessOptions {
   std::function<bool(const std::string& out, const std::string& err)> stopWhen;
   std::string argv0;          // when not empty, passed as argv[0] instead of the path
   bool closedStdout = false;  // nobody reads standard output: writes to it fail with EPIPE
+  bool terminal = false;      // standard output is a pseudo-terminal (raw: no "\r" is added)
 };
 
 // The firmware-updater under test: FWU_TEST_UPDATER (an installed copy) when set, else this tree's.

@@ -6,6 +6,8 @@
 // file size, the board the full offset, and the messages print it as is.
 #pragma once
 
+#include <sys/types.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -42,6 +44,10 @@ class File : public std::istream {
   class Buffer : public std::streambuf {
    public:
     int fd = -1;
+    void Drop() {  // what was buffered, and the position, for the next file
+      setg(bytes_, bytes_, bytes_);
+      next_ = 0;
+    }
 
    protected:
     int_type underflow() override;
@@ -50,6 +56,7 @@ class File : public std::istream {
 
    private:
     char bytes_[4096];
+    off_t next_ = 0;  // the file position just past what is buffered
   };
   Buffer buffer_;
 };

@@ -32,6 +32,7 @@ class ProgressNotifier {
   Clock& clock_;
   std::chrono::microseconds keepAlive_;
   std::chrono::nanoseconds interval_;
+  bool listened_;  // NOTIFY_SOCKET was set when this was made
   std::optional<Clock::time_point> last_;
   bool completeSent_ = false;
 };

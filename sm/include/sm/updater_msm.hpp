@@ -28,6 +28,7 @@
 #include <typeinfo>
 
 #include "common/record.hpp"
+#include "common/console.hpp"
 #include "sm/update_helper.hpp"
 
 namespace Updater::SM {
@@ -55,14 +56,20 @@ struct block_sent {
 // One trace line: "Entered: X", "Exited: X", "Action: X".
 // One write, so that a line printed meanwhile by another thread cannot land
 // inside it.
+// Summary mode prints none, and builds none.
 inline void Trace(const char* what, const char* name) {
+  if (!Console::Detail()) return;
   const std::string line = std::string(what) + ": " + name + '\n';
   std::cout.write(line.data(), static_cast<std::streamsize>(line.size())).flush();
 }
 
-// The status exit(-1) leaves, as a recording of the run names it.
-inline void RecordErrorExit() {
+// The error exit: the process ends here, with status 255, as a recording of
+// the run names it.
+[[noreturn]] inline void ErrorEnd() {
   if (auto* recorder = Record::Active()) recorder->Exit(255);
+  Console::Milestone("Result: the update failed part way; the next run starts it again");
+  Console::Milestone("Exit status 255: the update failed (no closing line follows)");
+  std::exit(-1);
 }
 
 // MSM's own hook asserts, which NDEBUG compiles away; an exception inside a
@@ -115,8 +122,10 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
     void on_entry(Event const&, FSM& fsm) {
       Trace("Entered", kName);
       const int first = fsm.helper->GetFirstUpdateBlock();
-      std::cout << "                First:" << static_cast<unsigned>(first) << std::endl;
-      std::cout << "Ready with block #" << first << std::endl;
+      if (Console::Detail()) {
+        std::cout << "                First:" << static_cast<unsigned>(first) << std::endl;
+        std::cout << "Ready with block #" << first << std::endl;
+      }
       fsm.process_event(have_next_block{first});
     }
   };
@@ -125,7 +134,7 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
     static constexpr const char* kName = "SendingBlock";
     template <class FSM>
     void on_entry(have_next_block const& e, FSM& fsm) {
-      std::cout << "Entered: SendingBlock: " << e.block << std::endl;
+      if (Console::Detail()) std::cout << "Entered: SendingBlock: " << e.block << std::endl;
       if (fsm.helper->SendFirmwareBlock(e.block))
         fsm.process_event(block_sent{static_cast<std::uint32_t>(e.block)});
       else
@@ -141,17 +150,17 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
     static constexpr const char* kName = "WaitingForAck";
     template <class FSM>
     void on_entry(block_sent const& e, FSM& fsm) {
-      std::cout << "Entered: WaitingForAck: " << e.block << std::endl;
+      if (Console::Detail()) std::cout << "Entered: WaitingForAck: " << e.block << std::endl;
       const int status = fsm.helper->WaitForAck(e.block);
       if (status == Helpers::kResend) {
-        std::cout << "Ready with block #" << e.block << std::endl;
+        if (Console::Detail()) std::cout << "Ready with block #" << e.block << std::endl;
         fsm.process_event(have_next_block{static_cast<std::int32_t>(e.block)});
       } else if (status == Helpers::kLastBlockAcked) {
         fsm.process_event(last_block_ack{});
       } else if (status == Helpers::kAcked) {
         const int next = fsm.helper->GetNextFirmwareBlock();
         if (next >= 0) {
-          std::cout << "Ready with block #" << next << std::endl;
+          if (Console::Detail()) std::cout << "Ready with block #" << next << std::endl;
           fsm.process_event(have_next_block{next});
         } else {
           std::cout << "Didn't get an ACK... exiting?" << std::endl;
@@ -183,14 +192,12 @@ struct UpdatingSub_ : MachineBase<UpdatingSub_> {
     template <class Event, class FSM>
     void on_entry(Event const&, FSM&) {
       Trace("Entered", "Updating_ErrorExit");
-      RecordErrorExit();
-      std::exit(-1);
+      ErrorEnd();
     }
     template <class Event, class FSM>
     void on_exit(Event const&, FSM&) {
       Trace("Exited", "Updating_ErrorExit");
-      RecordErrorExit();
-      std::exit(-1);
+      ErrorEnd();
     }
   };
 
@@ -253,6 +260,7 @@ struct updaterMSM_ : MachineBase<updaterMSM_> {
     template <class Event, class FSM, class Source, class Target>
     void operator()(Event const&, FSM&, Source&, Target&) {
       Trace("Action", "done_updating");
+      Console::Milestone("Result: the target acknowledged the whole image; update done");
     }
   };
 

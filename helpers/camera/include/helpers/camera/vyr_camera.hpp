@@ -27,6 +27,7 @@
 #include <string>
 
 #include "common/clock.hpp"
+#include "common/console.hpp"
 #include "common/image_file.hpp"
 #include "common/notify.hpp"
 #include "common/stall_limit.hpp"
@@ -82,6 +83,7 @@ class VyrCamera : public UpdateHelper {
   std::int64_t ackedEnd_ = 0;
   // Progress for the service manager (sd_notify), out of the image size.
   ProgressNotifier progress_;
+  Console::Progress progressLine_;
   std::int64_t imageSize_ = 0;
 };
 
