@@ -36,6 +36,7 @@ struct RunRow {
   int seconds;       // the run's length, within 5 s
   bool silentBus = false;
 };
+void PrintTo(const RunRow& row, std::ostream* os) { *os << row.name; }
 const RunRow kRuns[] = {
     // The update check leaves standard output hexadecimal, and the machine's trace shows it.
     {"Updated", "--version=2", nullptr, /*status=*/0, /*dbusErrors=*/0,

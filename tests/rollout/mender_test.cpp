@@ -68,6 +68,7 @@ struct Deployment {
   std::string logHas, shows = "factory", sim = "--region=0";  // show-artifact at the end; camd-sim's fault
   bool busAddress = true;                                     // the client's environment names camd's bus
 };
+void PrintTo(const Deployment& row, std::ostream* os) { *os << row.name; }
 struct ACameraDeployment : MenderTest, ::testing::WithParamInterface<Deployment> {};
 TEST_P(ACameraDeployment, EndsOnTheArtifactTheCamerasRun) {
   if (!GetParam().busAddress) env_.env.emplace_back("DBUS_SESSION_BUS_ADDRESS", "");
@@ -95,6 +96,7 @@ struct Refused {
   std::string name, image, says;  // says: the generator's own reason, not mender-artifact's
   std::vector<std::string> args;
 };
+void PrintTo(const Refused& row, std::ostream* os) { *os << row.name; }
 struct TheGenerator : MenderTest, ::testing::WithParamInterface<Refused> {};
 TEST_P(TheGenerator, RefusesAndLeavesTheOutputAsItWas) {
   std::vector<std::string> args = {"-n", "fw", "-t", "x", "--version", "3", "--region", "0", "--camera", "0"};
