@@ -47,8 +47,9 @@ TEST_F(ACamdClient, ConnectsAfreshOnceATryFindsTheBusGone) {
   bus_ = std::make_unique<PrivateBus>();
   StartSim({"--version=4"});
   int version = 0;
-  Capture([&] { version = camera.Proxy().GetCameraFirmwareVersion(); });
+  const std::string err = Capture([&] { version = camera.Proxy().GetCameraFirmwareVersion(); }).err;
   EXPECT_EQ(version, 4);
+  EXPECT_EQ(CountOf(err, "Dbus::Error"), 1u) << err;  // only the try that met the old connection
 }
 
 const std::vector<unsigned char> kTwoBytes = {1, 2};
