@@ -269,6 +269,8 @@ const TrustRow kTrusts[] = {
      [](auto& t) { chmod(t.fw_.path().c_str(), 0770); }},
     {"LockFileAFifo", "Lock file", "/" + kLock + "] is not a regular file",
      [](auto& t) { mkfifo((t.fw_ / kLock).c_str(), 0600); }},
+    {"PackageWritableByOthers", "Firmware package", "/camera-region0-2.bin] is writable by group or others",
+     [](auto& t) { chmod((t.fw_ / "camera-region0-2.bin").c_str(), 0606); }},
 };
 class AnUntrustedFile : public CamdBusTest, public ::testing::WithParamInterface<TrustRow> {};
 
