@@ -84,14 +84,26 @@ INSTANTIATE_TEST_SUITE_P(EveryAnsweringMethod, AReplyOfTheWrongType, ValuesIn(kC
 
 struct UnreachableRow {
   std::string name, index, error;
+  std::string address{};  // DBUS_SESSION_BUS_ADDRESS, when not the private bus's
 };
 void PrintTo(const UnreachableRow& row, std::ostream* os) { *os << row.name; }
 const UnreachableRow kUnreachables[] = {
     {"CamdAbsent", "0", "The name com.quorvex.common.Camd1 was not provided"},
     {"IndexNoPathElement", "a-b ü", "Invalid object path '/com/quorvex/common/Camd1/Cameraa-b ü'"},
+    {"WrongBusAddress", "0", "Failed to open bus (No such file or directory) at [unix:path=/nonexistent/bus]",
+     "unix:path=/nonexistent/bus"},
 };
 class AnUnreachableCamd : public CamdBusTest, public ::testing::WithParamInterface<UnreachableRow> {
  protected:
+  void SetUp() override {
+    CamdBusTest::SetUp();
+    if (!GetParam().address.empty()) setenv("DBUS_SESSION_BUS_ADDRESS", GetParam().address.c_str(), 1);
+  }
+  void TearDown() override {
+    setenv("DBUS_SESSION_BUS_ADDRESS", privateBus_.c_str(), 1);
+    CamdBusTest::TearDown();
+  }
+  const std::string privateBus_ = std::getenv("DBUS_SESSION_BUS_ADDRESS");
   Helpers::VyrCamera camera_{GetParam().index, clock_};
 };
 
