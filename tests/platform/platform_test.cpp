@@ -224,12 +224,12 @@ const RefusedFrame kRefusedFrames[] = {
     {"NegativeChannel", {1}, -1},
     {"ChannelPastAByte", {1}, 256},
 };
-class ADownlinkFrameOutOfItsBounds : public ::testing::TestWithParam<RefusedFrame> {};
+class ADownlinkFrameOutOfBounds : public ::testing::TestWithParam<RefusedFrame> {};
 
-TEST_P(ADownlinkFrameOutOfItsBounds, IsRefused) {
+TEST_P(ADownlinkFrameOutOfBounds, IsRefused) {
   EXPECT_EQ(Frame(GetParam().payload, GetParam().channel), Bytes{});
 }
-INSTANTIATE_TEST_SUITE_P(Refusals, ADownlinkFrameOutOfItsBounds, ::testing::ValuesIn(kRefusedFrames),
+INSTANTIATE_TEST_SUITE_P(Refusals, ADownlinkFrameOutOfBounds, ::testing::ValuesIn(kRefusedFrames),
                          RowName<RefusedFrame>);
 
 }  // namespace
