@@ -147,6 +147,15 @@ TEST_F(ACameraLock, MakesAnOldLockFileOwnerOnly) {
   close(fd);
 }
 
+// As the package's tmpfiles.d entry would make it, whatever the umask (here the strictest).
+TEST_F(ACameraLock, MakesAnAbsentLockDirectoryWithMode0755) {
+  setenv("QUORVEX_LOCK_DIR", (fw_ / "run").c_str(), 1);
+  const mode_t umask_was = umask(077);
+  close(Helpers::TakeCameraLock("0", clock_, std::nullopt));
+  umask(umask_was);
+  EXPECT_EQ(std::filesystem::status(fw_ / "run").permissions(), std::filesystem::perms(0755));
+}
+
 TEST_F(ACameraLock, IsTakenWithinATenthOfASecondOfItsRelease) {
   HoldLock();
   clock_.onSleep = [&] {
