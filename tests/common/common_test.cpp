@@ -32,6 +32,18 @@ TEST_P(AMalformedStallLimit, GivesTheDefaultLimitWithAWarningOnStderr) {
 INSTANTIATE_TEST_SUITE_P(Texts, AMalformedStallLimit, ::testing::ValuesIn(kMalformedLimits),
                          RowName<StallText>);
 
+// Unset or empty, it is the default.
+TEST(AStallLimit, UnsetIsTheDefault) {
+  unsetenv("QUORVEX_STALL_SECONDS");
+  EXPECT_EQ(StallLimitFromEnvironment(), 300s);
+}
+
+TEST(AStallLimit, EmptyIsTheDefault) {
+  setenv("QUORVEX_STALL_SECONDS", "", 1);
+  EXPECT_EQ(StallLimitFromEnvironment(), 300s);
+  unsetenv("QUORVEX_STALL_SECONDS");
+}
+
 // Within a second only the line that completes the transfer goes out, and only once.
 TEST(AProgressNotifier, TellsTheServiceManagerAtMostALineASecondBesidesTheLast) {
   const TempDir dir;
