@@ -45,6 +45,7 @@ struct RunRow {
   std::size_t lines = 999;  // at most, on both streams
   bool terminal = false;    // standard output a pseudo-terminal
 };
+void PrintTo(const RunRow& row, std::ostream* os) { *os << row.name; }
 const RunRow kRuns[] = {
     // The update check leaves standard output hexadecimal, and the machine's trace shows it.
     {"Updated", "--version=2", nullptr, /*status=*/0, /*dbusErrors=*/0,

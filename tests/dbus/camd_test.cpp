@@ -5,8 +5,6 @@
 #include <functional>
 
 #include "camd_fixture.hpp"
-#include "common/console.hpp"
-#include "common/notify.hpp"
 #include "dbus/camd_methods.hpp"
 #include "helpers/camera/camera_lock.hpp"
 #include "helpers/camera/vyr_camera.hpp"
@@ -17,7 +15,6 @@ namespace Updater::Testing {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::ValuesIn;
 namespace fs = std::filesystem;
@@ -41,6 +38,21 @@ TEST_F(ACamdClient, AddressesTheCameraIndexAsTyped) {
   EXPECT_TRUE(Helpers::VyrCamera("03", clock_).Proxy().SendUpdateAvailable(4, 0, 0));
 }
 
+// The bus daemon ends and another takes its place: the try that meets the old connection drops it.
+TEST_F(ACamdClient, ConnectsAfreshOnceATryFindsTheBusGone) {
+  StartSim({"--version=4"});
+  Helpers::VyrCamera camera("0", clock_);
+  ASSERT_EQ(camera.Proxy().GetCameraFirmwareVersion(), 4);
+  sim_.reset();
+  bus_.reset();  // before the new daemon sets the address, which this one's end unsets
+  bus_ = std::make_unique<PrivateBus>();
+  StartSim({"--version=4"});
+  int version = 0;
+  const std::string err = Capture([&] { version = camera.Proxy().GetCameraFirmwareVersion(); }).err;
+  EXPECT_EQ(version, 4);
+  EXPECT_EQ(CountOf(err, "Dbus::Error"), 1u) << err;  // only the try that met the old connection
+}
+
 const std::vector<unsigned char> kTwoBytes = {1, 2};
 struct CallRow {  // every method that answers
   std::string name;
@@ -48,6 +60,7 @@ struct CallRow {  // every method that answers
   long failure;    // the result once every try failed
   std::function<long(Helpers::CamdDbusIface&)> call;
 };
+void PrintTo(const CallRow& row, std::ostream* os) { *os << row.name; }
 const CallRow kCalls[] = {
     {"GetCameraFirmwareVersion", true, -1, [](auto& c) { return c.GetCameraFirmwareVersion(); }},
     {"GetPreviouslyDownloadedChunks", true, -1, [](auto& c) { return c.GetPreviouslyDownloadedChunks(); }},
@@ -72,13 +85,26 @@ INSTANTIATE_TEST_SUITE_P(EveryAnsweringMethod, AReplyOfTheWrongType, ValuesIn(kC
 
 struct UnreachableRow {
   std::string name, index, error;
+  std::string address{};  // DBUS_SESSION_BUS_ADDRESS, when not the private bus's
 };
+void PrintTo(const UnreachableRow& row, std::ostream* os) { *os << row.name; }
 const UnreachableRow kUnreachables[] = {
     {"CamdAbsent", "0", "The name com.quorvex.common.Camd1 was not provided"},
     {"IndexNoPathElement", "a-b ü", "Invalid object path '/com/quorvex/common/Camd1/Cameraa-b ü'"},
+    {"WrongBusAddress", "0", "Failed to open bus (No such file or directory) at [unix:path=/nonexistent/bus]",
+     "unix:path=/nonexistent/bus"},
 };
 class AnUnreachableCamd : public CamdBusTest, public ::testing::WithParamInterface<UnreachableRow> {
  protected:
+  void SetUp() override {
+    CamdBusTest::SetUp();
+    if (!GetParam().address.empty()) setenv("DBUS_SESSION_BUS_ADDRESS", GetParam().address.c_str(), 1);
+  }
+  void TearDown() override {
+    setenv("DBUS_SESSION_BUS_ADDRESS", privateBus_.c_str(), 1);
+    CamdBusTest::TearDown();
+  }
+  const std::string privateBus_ = std::getenv("DBUS_SESSION_BUS_ADDRESS");
   Helpers::VyrCamera camera_{GetParam().index, clock_};
 };
 
@@ -122,6 +148,7 @@ INSTANTIATE_TEST_SUITE_P(Texts, AKeptCameraText, ValuesIn(kKeptTexts), RowName<K
 struct LockNameRow {
   std::string name, index, file;
 };
+void PrintTo(const LockNameRow& row, std::ostream* os) { *os << row.name; }
 const std::string kLockPrefix = "firmware-updater-camera-";
 const LockNameRow kLockNames[] = {
     {"OtherBytesEscaped", "a-b ü", kLockPrefix + "a-b%20%C3%BC.lock"},
@@ -174,6 +201,15 @@ INSTANTIATE_TEST_SUITE_P(Modes, AHeldLockFile, ValuesIn(kHeldLocks), RowName<Hel
 
 using ACameraLock = CamdBusTest;
 
+// As the package's tmpfiles.d entry would make it, whatever the umask (here the strictest).
+TEST_F(ACameraLock, MakesAnAbsentLockDirectoryWithMode0755) {
+  setenv("QUORVEX_LOCK_DIR", (fw_ / "run").c_str(), 1);
+  const mode_t umask_was = umask(077);
+  close(Helpers::TakeCameraLock("0", clock_, std::nullopt));
+  umask(umask_was);
+  EXPECT_EQ(std::filesystem::status(fw_ / "run").permissions(), std::filesystem::perms(0755));
+}
+
 TEST_F(ACameraLock, StillHeldIsGivenUpWhenTheStallLimitIsReached) {
   HoldLock();
   setenv("QUORVEX_STALL_SECONDS", "5", 1);
@@ -187,6 +223,7 @@ struct AckRow {
   std::vector<std::string> sim;
   int size, status, after;  // packet size before and after the wait
 };
+void PrintTo(const AckRow& row, std::ostream* os) { *os << row.name; }
 const AckRow kAcks[] = {
     {"LostAtTwo", {"--lose-acks=1-10"}, /*size=*/2, /*status=*/1, /*after=*/1},
     {"LostAtTheFloor", {"--lose-acks=1-10"}, /*size=*/1, /*status=*/1, /*after=*/1},
@@ -194,8 +231,9 @@ const AckRow kAcks[] = {
     {"DeliveredBelowTheCeiling", {}, /*size=*/63, /*status=*/0, /*after=*/126},
     {"OtherStatus", {"--ack-status=1-:5"}, /*size=*/64, /*status=*/5, /*after=*/64},
     {"ErrorAnswer", {"--error=WaitForAck@1"}, /*size=*/64, /*status=*/1, /*after=*/32},
-    // Once camd has said the image is complete, a later error cannot make it a loss.
+    // Once camd has said the image is complete, a later error cannot make it a loss, whatever came between.
     {"DoneThenError", {"--ack-status=1:3", "--error=WaitForAck@2"}, /*size=*/64, /*status=*/3, /*after=*/64},
+    {"DoneThenOtherThenError", {"--ack-status=1:3", "--ack-status=2:1", "--error=WaitForAck@3"}, 64, 3, 64},
 };
 class AnAckWait : public CamdBusTest, public ::testing::WithParamInterface<AckRow> {
  protected:
@@ -233,6 +271,7 @@ struct CheckRow {
   const char* limit = nullptr;  // QUORVEX_STALL_SECONDS, when set
   std::uintmax_t bytes = 100;   // of the image, sparse past 1000
 };
+void PrintTo(const CheckRow& row, std::ostream* os) { *os << row.name; }
 const CheckRow kChecks[] = {
     {"SameVersion", {"--version=2"}, /*update=*/0, /*slept=*/0ms},
     {"OlderRealMinusOne", {"--version=-1"}, /*update=*/1, /*slept=*/0ms},
@@ -284,6 +323,7 @@ struct TrustRow {
   std::string name, kind, tail;  // the red line: "<kind> [<the firmware and lock directory><tail>"
   void (*tamper)(CamdBusTest&);
 };
+void PrintTo(const TrustRow& row, std::ostream* os) { *os << row.name; }
 const TrustRow kTrusts[] = {
     {"LinkByPath", "Firmware package", "/camera-region0-3.bin] is a link out of the firmware directory",
      [](auto& t) { fs::create_symlink(t.fw_ / "camera-region0-2.bin", t.fw_ / "camera-region0-3.bin"); }},
@@ -293,6 +333,8 @@ const TrustRow kTrusts[] = {
      [](auto& t) { chmod(t.fw_.path().c_str(), 0770); }},
     {"LockFileAFifo", "Lock file", "/" + kLock + "] is not a regular file",
      [](auto& t) { mkfifo((t.fw_ / kLock).c_str(), 0600); }},
+    {"PackageWritableByOthers", "Firmware package", "/camera-region0-2.bin] is writable by group or others",
+     [](auto& t) { chmod((t.fw_ / "camera-region0-2.bin").c_str(), 0606); }},
 };
 class AnUntrustedFile : public CamdBusTest, public ::testing::WithParamInterface<TrustRow> {};
 
@@ -314,6 +356,7 @@ struct StallRow {
   int sends;
   std::chrono::milliseconds slept;
 };
+void PrintTo(const StallRow& row, std::ostream* os) { *os << row.name; }
 const StallRow kStalls[] = {
     // Every chunk lost: two rounds of ten polls (2 s each) reach a 4 s limit, which ends the loop then.
     {"EveryChunkLost", {"--loss-rate=1"}, /*limit=*/"4", /*sends=*/2, /*slept=*/4s},
@@ -370,6 +413,7 @@ struct WholeRow {
   std::size_t bytes;
   bool replaced = false;
 };
+void PrintTo(const WholeRow& row, std::ostream* os) { *os << row.name; }
 const WholeRow kWholes[] = {
     {"Resumed", {"--first=1024", "--preload="}, 1500},  // camd holds the image up to the position it names
     {"NineInTenLost", {"--loss-rate=0.9", "--seed=5"}, 1000},  // within the default stall limit
@@ -425,80 +469,6 @@ TEST_F(AServiceManager, HearsTheAcknowledgedBytesRiseToTheWholeImage) {
     EXPECT_GT(done, std::exchange(last, done));
   }
   EXPECT_EQ(last, 1000);
-}
-
-// Within a second only the line that completes the transfer goes out, and only once.
-TEST_F(AServiceManager, HearsAtMostALineASecondBesidesTheLast) {
-  NotifySocket notify(fw_ / "notify");
-  setenv("NOTIFY_SOCKET", notify.path.c_str(), 1);
-  ProgressNotifier progress("camera 7", clock_);
-  progress.Report(10, 200);
-  clock_.Advance(999ms);
-  progress.Report(20, 200);
-  clock_.Advance(1ms);
-  progress.Report(30, 200);
-  progress.Report(200, 200);
-  progress.Report(200, 200);
-  EXPECT_THAT(notify.Take(),
-              ElementsAre("STATUS=camera 7: 10/200 bytes (5%)", "STATUS=camera 7: 30/200 bytes (15%)",
-                          "STATUS=camera 7: 200/200 bytes (100%)"));
-}
-
-struct ProgressStep {
-  int waitMs;  // on the clock before the report
-  std::int64_t done;
-};
-struct ProgressRow {
-  std::string name;
-  bool terminal;
-  std::string printed;
-  std::vector<ProgressStep> steps;  // of a 1000-byte image
-};
-const ProgressRow kProgressRows[] = {
-    {"ALineAtEachTenthElsewhere",
-     false,
-     "Progress of camera 7:  10% (100/1000 bytes)\nProgress of camera 7:  35% (350/1000 bytes)\n"
-     "Progress of camera 7: 100% (1000/1000 bytes)\n",
-     {{0, 99}, {0, 100}, {0, 350}, {0, 399}, {0, 1000}, {0, 1000}}},
-    // Redrawn at most every 100 ms, but the last line always, and ended by a newline.
-    {"TenTimesASecondOnATerminal",
-     true,
-     "\rProgress of camera 7:   0% (0/1000 bytes)\033[K"
-     "\rProgress of camera 7:  20% (200/1000 bytes), 2.0 KiB/s, 0:00 left\033[K"
-     "\rProgress of camera 7:  50% (500/1000 bytes), 0.5 KiB/s, 0:01 left\033[K"
-     "\rProgress of camera 7: 100% (1000/1000 bytes), 1.0 KiB/s, 0:00 left\033[K\n",
-     {{0, 0}, {99, 100}, {1, 200}, {900, 500}, {1, 1000}, {1, 1000}}},
-};
-class AProgressLine : public ::testing::TestWithParam<ProgressRow> {};
-
-TEST_P(AProgressLine, IsPrintedAsOftenAsItsConsoleTakes) {
-  FakeClock clock;
-  std::ostringstream out;
-  Console::Progress progress("camera 7", clock, out, GetParam().terminal);
-  for (const ProgressStep& step : GetParam().steps) {
-    clock.Advance(std::chrono::milliseconds(step.waitMs));
-    progress.Report(step.done, 1000);
-  }
-  EXPECT_EQ(out.str(), GetParam().printed);
-}
-INSTANTIATE_TEST_SUITE_P(Consoles, AProgressLine, ValuesIn(kProgressRows), RowName<ProgressRow>);
-
-// Counted all along; a line at the first drop, then at most one a second, and what is left at the end.
-TEST(DroppedBytes, AreReportedAtMostOnceASecond) {
-  FakeClock clock;
-  std::ostringstream out;
-  Console::DropCounter drops("the link", clock, out);
-  drops.Add(5);
-  clock.Advance(999ms);
-  drops.Add(7);
-  clock.Advance(1ms);
-  drops.Add(1);
-  drops.Flush();
-  drops.Add(2);
-  drops.Flush();
-  EXPECT_EQ(out.str(),
-            "Dropped 5 bytes from the link (5 in all)\nDropped 8 bytes from the link (13 in all)\n"
-            "Dropped 2 bytes from the link (15 in all)\n");
 }
 
 }  // namespace

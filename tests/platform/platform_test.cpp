@@ -55,6 +55,7 @@ struct PacketCase {
   MakePacket filled, blank;
   Bytes wire;
 };
+void PrintTo(const PacketCase& row, std::ostream* os) { *os << row.name; }
 template <class T>
 PacketCase Case(std::string name, T packet, Bytes wire) {
   packet.SequenceNumber(0x5A);
@@ -93,6 +94,7 @@ struct BadWire {
   Bytes wire;  // all of it at hand
   int result;
 };
+void PrintTo(const BadWire& row, std::ostream* os) { *os << row.name; }
 class APacketGivenABadWire : public ::testing::TestWithParam<BadWire> {};
 
 TEST_P(APacketGivenABadWire, ReportsTheFirstFailure) {
@@ -127,6 +129,7 @@ struct PackageName {
   int region;
   int version;  // -1: the file does not count
 };
+void PrintTo(const PackageName& row, std::ostream* os) { *os << row.name; }
 class ACameraPackageName : public AScratchPlatform, public ::testing::WithParamInterface<PackageName> {};
 
 TEST_P(ACameraPackageName, CountsOnlyWithExactlyDecimalDigitsForItsRegion) {
@@ -165,6 +168,7 @@ struct VersionText {
   std::string text;
   int version;  // -1: not a version
 };
+void PrintTo(const VersionText& row, std::ostream* os) { *os << row.name; }
 class ABoardVersionFile : public AScratchPlatform, public ::testing::WithParamInterface<VersionText> {};
 
 TEST_P(ABoardVersionFile, HoldsOneDecimalNumberBetweenBlanks) {
@@ -208,14 +212,24 @@ TEST(ADownlinkFrame, TakesTheMostPayloadOnTheLastChannel) {
   EXPECT_EQ(Frame(Bytes(lc::kMaxDownlinkPayload, 0x5C), 255), expected);
 }
 
-TEST(ADownlinkFrame, IsRefusedForNoBytes) { EXPECT_EQ(Frame({}), Bytes{}); }
+struct RefusedFrame {
+  std::string name;
+  Bytes payload;
+  int channel = lc::kPacketChannel;
+};
+void PrintTo(const RefusedFrame& row, std::ostream* os) { *os << row.name; }
+const RefusedFrame kRefusedFrames[] = {
+    {"NoBytes", {}},
+    {"OneByteOverTheMost", Bytes(lc::kMaxDownlinkPayload + 1)},
+    {"NegativeChannel", {1}, -1},
+    {"ChannelPastAByte", {1}, 256},
+};
+class ADownlinkFrameOutOfBounds : public ::testing::TestWithParam<RefusedFrame> {};
 
-TEST(ADownlinkFrame, IsRefusedForOneByteOverTheMost) {
-  EXPECT_EQ(Frame(Bytes(lc::kMaxDownlinkPayload + 1)), Bytes{});
+TEST_P(ADownlinkFrameOutOfBounds, IsRefused) {
+  EXPECT_EQ(Frame(GetParam().payload, GetParam().channel), Bytes{});
 }
-
-TEST(ADownlinkFrame, IsRefusedForANegativeChannel) { EXPECT_EQ(Frame({1}, -1), Bytes{}); }
-
-TEST(ADownlinkFrame, IsRefusedForAChannelPastAByte) { EXPECT_EQ(Frame({1}, 256), Bytes{}); }
+INSTANTIATE_TEST_SUITE_P(Refusals, ADownlinkFrameOutOfBounds, ::testing::ValuesIn(kRefusedFrames),
+                         RowName<RefusedFrame>);
 
 }  // namespace

@@ -67,6 +67,7 @@ struct Deployment {
   void (*unlike)(MenderTest&) = nullptr;                      // what the device has otherwise
   std::string then = "install commit";                        // the client's commands
 };
+void PrintTo(const Deployment& row, std::ostream* os) { *os << row.name; }
 struct ACameraDeployment : MenderTest, ::testing::WithParamInterface<Deployment> {};
 TEST_P(ACameraDeployment, EndsOnTheArtifactTheCamerasRun) {
   if (GetParam().unlike) GetParam().unlike(*this);
@@ -110,6 +111,7 @@ struct Refused {
   std::string name, image, says;  // says: the generator's own reason, not mender-artifact's
   std::vector<std::string> args;
 };
+void PrintTo(const Refused& row, std::ostream* os) { *os << row.name; }
 struct TheGenerator : MenderTest, ::testing::WithParamInterface<Refused> {};
 TEST_P(TheGenerator, RefusesAndLeavesTheOutputAsItWas) {
   std::vector<std::string> args = {"-n", "fw", "-t", "x", "--version", "3", "--region", "0", "--camera", "0"};

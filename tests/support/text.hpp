@@ -11,7 +11,8 @@
 
 namespace Updater::Testing {
 
-// Names each case of a parameterised test after its row's `name`.
+// Names each case of a parameterised test after its row's `name`. Each row type has a PrintTo beside it that
+// prints the same name, so failures and test listings name the row instead of dumping its bytes.
 template <class Row>
 std::string RowName(const ::testing::TestParamInfo<Row>& info) {
   return info.param.name;

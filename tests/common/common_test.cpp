@@ -1,0 +1,129 @@
+// What both targets share: the stall limit as the environment sets it, and the service manager's status
+// lines.
+#include <gmock/gmock.h>
+
+#include <sstream>
+
+#include "common/console.hpp"
+#include "common/notify.hpp"
+#include "common/stall_limit.hpp"
+#include "fake_clock.hpp"
+#include "notify_socket.hpp"
+#include "text.hpp"
+
+namespace Updater::Testing {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Neither text is a number of seconds, so neither may pass for 0, which turns the limit off.
+struct StallText {
+  std::string name, text;
+};
+void PrintTo(const StallText& row, std::ostream* os) { *os << row.name; }
+const StallText kMalformedLimits[] = {{"Letters", "abc"}, {"SecondsWithAUnit", "30s"}};
+class AMalformedStallLimit : public ::testing::TestWithParam<StallText> {};
+
+TEST_P(AMalformedStallLimit, GivesTheDefaultLimitWithAWarningOnStderr) {
+  setenv("QUORVEX_STALL_SECONDS", GetParam().text.c_str(), 1);
+  std::optional<std::chrono::seconds> limit;
+  EXPECT_EQ(Capture([&] { limit = StallLimitFromEnvironment(); }).err,
+            "QUORVEX_STALL_SECONDS=[" + GetParam().text + "] is not a number of seconds; using 300\n");
+  unsetenv("QUORVEX_STALL_SECONDS");
+  EXPECT_EQ(limit, 300s);
+}
+INSTANTIATE_TEST_SUITE_P(Texts, AMalformedStallLimit, ::testing::ValuesIn(kMalformedLimits),
+                         RowName<StallText>);
+
+// Unset or empty, it is the default.
+TEST(AStallLimit, UnsetIsTheDefault) {
+  unsetenv("QUORVEX_STALL_SECONDS");
+  EXPECT_EQ(StallLimitFromEnvironment(), 300s);
+}
+
+TEST(AStallLimit, EmptyIsTheDefault) {
+  setenv("QUORVEX_STALL_SECONDS", "", 1);
+  EXPECT_EQ(StallLimitFromEnvironment(), 300s);
+  unsetenv("QUORVEX_STALL_SECONDS");
+}
+
+// Within a second only the line that completes the transfer goes out, and only once.
+TEST(AProgressNotifier, TellsTheServiceManagerAtMostALineASecondBesidesTheLast) {
+  const TempDir dir;
+  NotifySocket notify(dir / "notify");
+  setenv("NOTIFY_SOCKET", notify.path.c_str(), 1);
+  FakeClock clock;
+  ProgressNotifier progress("camera 7", clock);
+  progress.Report(10, 200);
+  clock.Advance(999ms);
+  progress.Report(20, 200);
+  clock.Advance(1ms);
+  progress.Report(30, 200);
+  progress.Report(200, 200);
+  progress.Report(200, 200);
+  unsetenv("NOTIFY_SOCKET");
+  EXPECT_THAT(notify.Take(), ::testing::ElementsAre("STATUS=camera 7: 10/200 bytes (5%)",
+                                                    "STATUS=camera 7: 30/200 bytes (15%)",
+                                                    "STATUS=camera 7: 200/200 bytes (100%)"));
+}
+
+struct ProgressStep {
+  int waitMs;  // on the clock before the report
+  std::int64_t done;
+};
+struct ProgressRow {
+  std::string name;
+  bool terminal;
+  std::string printed;
+  std::vector<ProgressStep> steps;  // of a 1000-byte image
+};
+const ProgressRow kProgressRows[] = {
+    {"ALineAtEachTenthElsewhere",
+     false,
+     "Progress of camera 7:  10% (100/1000 bytes)\nProgress of camera 7:  35% (350/1000 bytes)\n"
+     "Progress of camera 7: 100% (1000/1000 bytes)\n",
+     {{0, 99}, {0, 100}, {0, 350}, {0, 399}, {0, 1000}, {0, 1000}}},
+    // Redrawn at most every 100 ms, but the last line always, and ended by a newline.
+    {"TenTimesASecondOnATerminal",
+     true,
+     "\rProgress of camera 7:   0% (0/1000 bytes)\033[K"
+     "\rProgress of camera 7:  20% (200/1000 bytes), 2.0 KiB/s, 0:00 left\033[K"
+     "\rProgress of camera 7:  50% (500/1000 bytes), 0.5 KiB/s, 0:01 left\033[K"
+     "\rProgress of camera 7: 100% (1000/1000 bytes), 1.0 KiB/s, 0:00 left\033[K\n",
+     {{0, 0}, {99, 100}, {1, 200}, {900, 500}, {1, 1000}, {1, 1000}}},
+};
+void PrintTo(const ProgressRow& row, std::ostream* os) { *os << row.name; }
+class AProgressLine : public ::testing::TestWithParam<ProgressRow> {};
+
+TEST_P(AProgressLine, IsPrintedAsOftenAsItsConsoleTakes) {
+  FakeClock clock;
+  std::ostringstream out;
+  Console::Progress progress("camera 7", clock, out, GetParam().terminal);
+  for (const ProgressStep& step : GetParam().steps) {
+    clock.Advance(std::chrono::milliseconds(step.waitMs));
+    progress.Report(step.done, 1000);
+  }
+  EXPECT_EQ(out.str(), GetParam().printed);
+}
+INSTANTIATE_TEST_SUITE_P(Consoles, AProgressLine, ::testing::ValuesIn(kProgressRows), RowName<ProgressRow>);
+
+// Counted all along; a line at the first drop, then at most one a second, and what is left at the end.
+TEST(DroppedBytes, AreReportedAtMostOnceASecond) {
+  FakeClock clock;
+  std::ostringstream out;
+  Console::DropCounter drops("the link", clock, out);
+  drops.Add(5);
+  clock.Advance(999ms);
+  drops.Add(7);
+  clock.Advance(1ms);
+  drops.Add(1);
+  drops.Flush();
+  drops.Add(2);
+  drops.Flush();
+  EXPECT_EQ(out.str(),
+            "Dropped 5 bytes from the link (5 in all)\nDropped 8 bytes from the link (13 in all)\n"
+            "Dropped 2 bytes from the link (15 in all)\n");
+}
+
+}  // namespace
+}  // namespace Updater::Testing
