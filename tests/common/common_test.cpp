@@ -1,5 +1,5 @@
-// What both targets share: the stall limit as the environment sets it, and the service manager's status
-// lines.
+// What both targets share: the stall limit as the environment sets it, the service manager's status
+// lines, and the console's progress line and dropped-byte count.
 #include <gmock/gmock.h>
 
 #include <sstream>
