@@ -107,7 +107,7 @@ Faults (RANGES are 1-based call numbers of that method: 3 | 3-12 | 20- | 1,4-6):
   --slow=METHOD:MS       hold every reply of METHOD for MS milliseconds
   --exit-after=N         end the process (status 3) on receiving the N-th call
 
-Replay (see --replay in the README):
+Replay (see docs/recording.md):
   --replay=FILE          answer as the update recorded in FILE (QUORVEX_RECORD) was
                          answered, call by call, each after its recorded delay; serve
                          the recording's camera; faults and camera options are ignored.

@@ -12,7 +12,7 @@
 #                     the jq FILTER
 #   empty             as meta ., with image.bin emptied first
 #   board             by the generator, for tallyvane-firmware version 9, signed
-# The keys are made first, with the README's commands, unless DIR has them.
+# The keys are made first, with the commands of docs/fleet.md, unless DIR has them.
 # Usage: make_artifact.sh SUPPORT_MENDER_DIR DIR HOW [ARG [V]]
 set -eu
 gen=$1/camera-firmware-artifact-gen
