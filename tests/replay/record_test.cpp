@@ -31,6 +31,7 @@ TEST(AJsonLine, KeepsEveryTextThroughWritingAndParsing) {
 struct BadLine {
   std::string name, text;
 };
+void PrintTo(const BadLine& row, std::ostream* os) { *os << row.name; }
 class AJsonLineParser : public ::testing::TestWithParam<BadLine> {};
 
 TEST_P(AJsonLineParser, RefusesWhatNoRecordingHolds) { EXPECT_FALSE(Json::Parse(GetParam().text)); }
@@ -112,6 +113,7 @@ TEST_F(ARecorder, TakesExchangesFromTwoThreads) {
 struct Unwritable {
   std::string name, path, reason;
 };
+void PrintTo(const Unwritable& row, std::ostream* os) { *os << row.name; }
 class AnUnwritableRecording : public ARecorder, public ::testing::WithParamInterface<Unwritable> {};
 
 // One warning, then silence: the update it records goes on regardless.
