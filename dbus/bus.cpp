@@ -10,8 +10,8 @@
 #include <iostream>
 #include <string>
 
-#include "helpers/camera/kept_texts.hpp"
 #include "common/console.hpp"
+#include "helpers/camera/kept_texts.hpp"
 
 namespace Updater::Dbus {
 

@@ -7,8 +7,8 @@
 #include <iostream>
 
 #include "common/chunk_size.hpp"
-#include "common/record.hpp"
 #include "common/console.hpp"
+#include "common/record.hpp"
 #include "dbus/bus.hpp"
 #include "dbus/camd_record.hpp"
 #include "dbus/errors.hpp"

@@ -27,8 +27,8 @@
 #include <string>
 #include <typeinfo>
 
-#include "common/record.hpp"
 #include "common/console.hpp"
+#include "common/record.hpp"
 #include "sm/update_helper.hpp"
 
 namespace Updater::SM {
