@@ -195,8 +195,8 @@ int ConcurrentSession::WaitForAck() {
   AwaitLink(AnswerWait(), [&] { return ErrorReported() || board_.awaitedReported || refused(); });
 
   if (ErrorReported()) return GiveUp();
+  if (refused()) return Refused();  // whatever this chunk's report says
   if (board_.awaitedReported) return Reported();
-  if (refused()) return Refused();
   return Lost();
 }
 

@@ -107,6 +107,7 @@ struct ReadCase {
   std::size_t gulps = 0;  // lines saying the rest of the read was dropped
   int next = -1;          // the position a report in the read asked for; -1 when none was taken
 };
+void PrintTo(const ReadCase& row, std::ostream* os) { *os << row.name; }
 const Bytes kReport = Frame(ReceivedFirmwareBlock(-1, 128));
 const Bytes kUnsynced(kReport.begin() + 2, kReport.end());
 const Bytes kUnknown = Damaged(Frame(UpdateComplete()), 3);  // type 51, which no packet has
@@ -203,6 +204,7 @@ struct KeptText {
   std::function<Captured(BoardHelperTest&)> print;
   std::string text;
 };
+void PrintTo(const KeptText& row, std::ostream* os) { *os << row.name; }
 
 class AKeptText : public TheAckWait, public testing::WithParamInterface<KeptText> {};
 
@@ -328,6 +330,7 @@ struct BoardCase {
   std::size_t replacedBy = 0;     // bytes of another image written over it after the check; 0: none
   std::size_t imageBytes = 1000;  // of version 7, against the board's 5
 };
+void PrintTo(const BoardCase& row, std::ostream* os) { *os << row.name; }
 
 class AnUpdateOfTheSimulatedBoard : public BoardHelperTest, public testing::WithParamInterface<BoardCase> {
  protected:
@@ -383,7 +386,7 @@ class AnUpdateOfTheSimulatedBoard : public BoardHelperTest, public testing::With
   std::string image, said, verdict;
 };
 
-TEST_P(AnUpdateOfTheSimulatedBoard, CostsWhatItsFaultsName) {
+TEST_P(AnUpdateOfTheSimulatedBoard, AnnouncesOnceAndSendsAsManyChunksAsItsFaultsCost) {
   EXPECT_EQ(CountOf(said, "RX UpdateAvailable"), GetParam().chunks > 0 ? 1u : 0u);
   EXPECT_EQ(CountOf(said, "RX FirmwareBlock"), GetParam().chunks);
 }
