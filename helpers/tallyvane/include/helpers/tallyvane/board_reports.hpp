@@ -62,7 +62,8 @@ class BoardReports : public FrameHandler {
                     int flashRegion) override;
   void OnBlockReport(int lastReceivedPos, std::uint32_t next) override;
   // The board is done: whatever it last reported, what was sent counts as
-  // acknowledged, and ApplyUpdate goes out (once).
+  // acknowledged, and ApplyUpdate goes out (once). After
+  // CountOnlyTheChunkInFlight() it is only noted in updateCompleted.
   void OnUpdateComplete() override;
   // The board has forgotten the update: the queue and every field reset.
   void OnUpdateError() override;

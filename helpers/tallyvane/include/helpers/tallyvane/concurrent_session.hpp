@@ -58,6 +58,7 @@ class ConcurrentSession : public UpdateMode {
   bool SendCounted(VYRCam::FirmwareBlock& block, int position, std::size_t bytes) override;
 
  private:
+  // Context (all but Wake): update thread.
   void StopReaderThread();
   // Wakes whoever waits in AwaitLink(). Context: any thread.
   void Wake();
