@@ -61,6 +61,7 @@ bool BoardReports::TakeAwaitedReport(int lastReceivedPos, int nextPos) {
   if (lastReceivedPos != lastSentBlock || awaitedReported) return false;
   StoreReport(lastReceivedPos, nextPos);
   reportedAt = clock_.Monotonic().time_since_epoch().count();
+  ++reportsTaken;
   awaitedReported = true;
   return true;
 }
@@ -95,6 +96,7 @@ void BoardReports::OnBlockReport(int lastReceivedPos, std::uint32_t next) {
 void BoardReports::OnUpdateComplete() {
   if (updateCompleted) return;
   if (chunkInFlightOnly_) {
+    reportsBeforeCompletion = reportsTaken.load();
     updateCompleted = 1;
     Changed();
     return;

@@ -137,6 +137,7 @@ int ConcurrentSession::GetFirstUpdateBlock() {
   }
   timer_.Answered(At(board_.reportedAt));
   send_.DropPending();  // the answer is the announcement's acknowledgement too
+  reportsCounted_ = board_.reportsTaken;
   nextPosition_ = board_.nextBlock;
   return nextPosition_;
 }
@@ -186,12 +187,17 @@ int ConcurrentSession::GetNextFirmwareBlock() {
 }
 
 int ConcurrentSession::WaitForAck() {
-  // A completion while the board still asks for bytes is refused at once,
-  // unless the report of this very chunk may yet make the image whole.
+  // A completion that came before this chunk's report, while the board still
+  // asked for bytes, is refused at once, unless the report of this very
+  // chunk may yet make the image whole. One that came after it is judged
+  // with the report.
   AcknowledgedImage withChunk = acked_;
   withChunk.Add(sentPosition_, sentBytes_);
   const bool completable = withChunk.Whole();
-  const auto refused = [&] { return board_.updateCompleted && nextPosition_ != -1 && !completable; };
+  const auto refused = [&] {
+    return board_.updateCompleted && board_.reportsBeforeCompletion <= reportsCounted_ &&
+           nextPosition_ != -1 && !completable;
+  };
   AwaitLink(AnswerWait(), [&] { return ErrorReported() || board_.awaitedReported || refused(); });
 
   if (ErrorReported()) return GiveUp();
@@ -205,6 +211,7 @@ int ConcurrentSession::Reported() {
   timeNext_ = true;
   unreportedInARow_ = 0;
   send_.DropPending();  // the report is the chunk's acknowledgement too
+  reportsCounted_ = board_.reportsTaken;
   const std::int64_t before = acked_.Covered();
   acked_.Add(sentPosition_, sentBytes_);
   nextPosition_ = board_.nextBlock;

@@ -90,6 +90,10 @@ class BoardReports : public FrameHandler {
   // fills; when it came (Clock::Monotonic()).
   std::atomic<bool> awaitedReported{false};
   std::atomic<Clock::steady_point::rep> reportedAt{0};
+  // Reports counted so far, and how many had been when the board said it
+  // had completed: which chunk a completion followed.
+  std::atomic<unsigned> reportsTaken{0};
+  std::atomic<unsigned> reportsBeforeCompletion{0};
   // The update information's block size, and when it came.
   std::atomic<std::uint8_t> infoBlockSize{0};
   std::atomic<Clock::steady_point::rep> infoAt{0};

@@ -95,6 +95,8 @@ class ConcurrentSession : public UpdateMode {
   AcknowledgedImage acked_;
   // What the board's last counted report asked for next; -1: nothing more.
   int nextPosition_ = -1;
+  // The board's reports taken so far (BoardReports::reportsTaken).
+  unsigned reportsCounted_ = 0;
   bool givenUp_ = false;
   // Chunks in a row the board acknowledged but never reported.
   int unreportedInARow_ = 0;
