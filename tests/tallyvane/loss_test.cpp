@@ -45,6 +45,7 @@ const History kHistories[] = {
     // Karn's rule: whether the answer is the original's or the copy's cannot be told.
     {"ExpiredFrameAnswered", {{300ms, 1}}, 2s},
     {"FreshAnswerAfterAnExpiredFrame", {{300ms, 2}, {200ms}}, 600ms},
+    {"AnswerFromBeforeTheFrameLeft", {{-1ms}}, 1s},
     {"RepeatedAnswer", {{200ms}, {700ms, 0, /*sent=*/false}}, 600ms},
 };
 class ARetransmissionTimer : public testing::TestWithParam<History> {};
