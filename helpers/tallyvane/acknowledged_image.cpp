@@ -29,4 +29,10 @@ void AcknowledgedImage::AddPartialDownload(std::uint16_t partialVersion, std::ui
   Add(0, blocks * blockSize);
 }
 
+std::int64_t AcknowledgedImage::FirstMissing() const {
+  // Ranges never touch, so the first one ends where the first gap starts.
+  if (ranges_.empty() || ranges_.begin()->first > 0) return 0;
+  return ranges_.begin()->second;
+}
+
 }  // namespace Updater::Helpers

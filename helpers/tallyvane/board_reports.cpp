@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "common/console.hpp"
 #include "common/log.hpp"
 #include "helpers/tallyvane/kept_texts.hpp"
 #include "helpers/tallyvane/send_path.hpp"
@@ -21,7 +22,10 @@ void BoardReports::OnDatalinkAck(const VYRCam::DatalinkPacketAck& ack) {
 
 void BoardReports::OnUpdateInfo(std::uint16_t partialVersion, std::uint32_t downloaded,
                                 std::uint8_t blockSize, int flashRegion) {
-  (void)blockSize;  // the board's block size does not steer our chunk size
+  // The board's block size does not steer our chunk size; it only measures
+  // a partial download.
+  infoBlockSize = blockSize;
+  infoAt = clock_.Monotonic().time_since_epoch().count();
   downloadedBlocks = static_cast<std::int32_t>(downloaded);
   partialDlVer = partialVersion;
   flashSector = flashRegion;
@@ -38,13 +42,41 @@ void BoardReports::PrintProgress(int lastReceivedPos) const {
             << "next byte: [" << nextBlock.load() << "]" << '\n';
 }
 
-void BoardReports::OnBlockReport(int lastReceivedPos, std::uint32_t next) {
-  const int nextPos = static_cast<int>(next);
+void BoardReports::Await(int lastByte) {
+  const std::lock_guard<std::mutex> lock(awaitMutex_);
+  lastSentBlock = lastByte;
+  awaitedReported = false;
+}
+
+void BoardReports::StoreReport(int lastReceivedPos, int nextPos) {
   nextBlock = nextPos;
   if (lastReceivedPos == -1) firstBlock = nextPos;
   lastReceived = lastReceivedPos;
   lastAckedBlock = lastReceivedPos;
   blockReportReceived = 1;
+}
+
+bool BoardReports::TakeAwaitedReport(int lastReceivedPos, int nextPos) {
+  const std::lock_guard<std::mutex> lock(awaitMutex_);
+  if (lastReceivedPos != lastSentBlock || awaitedReported) return false;
+  StoreReport(lastReceivedPos, nextPos);
+  reportedAt = clock_.Monotonic().time_since_epoch().count();
+  ++reportsTaken;
+  awaitedReported = true;
+  return true;
+}
+
+void BoardReports::OnBlockReport(int lastReceivedPos, std::uint32_t next) {
+  const int nextPos = static_cast<int>(next);
+  if (!chunkInFlightOnly_) {
+    StoreReport(lastReceivedPos, nextPos);
+  } else if (!TakeAwaitedReport(lastReceivedPos, nextPos)) {
+    if (Console::Detail())
+      std::cout << "Ignoring a report of byte [" << lastReceivedPos << "], next byte [" << nextPos
+                << "]: not the first of the chunk in flight, which ends at [" << lastSentBlock.load() << "]"
+                << '\n';
+    return;
+  }
   Changed();
 
   // The end of the image is always worth a line; otherwise the console
@@ -63,6 +95,12 @@ void BoardReports::OnBlockReport(int lastReceivedPos, std::uint32_t next) {
 
 void BoardReports::OnUpdateComplete() {
   if (updateCompleted) return;
+  if (chunkInFlightOnly_) {
+    reportsBeforeCompletion = reportsTaken.load();
+    updateCompleted = 1;
+    Changed();
+    return;
+  }
   blockReportReceived = 1;
   updateCompleted = 1;
   std::cout << Kept::kLastAckedBlock << lastAckedBlock.load() << Kept::kLastSentBlockUnclosed

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iostream>
 
+#include "common/chunk_size.hpp"
 #include "common/log.hpp"
 #include "helpers/tallyvane/board_reports.hpp"
 #include "helpers/tallyvane/kept_texts.hpp"
@@ -21,6 +22,13 @@ namespace {
 constexpr auto kProgressMargin = std::chrono::seconds(30);
 // The designed wait for update information, as a whole.
 constexpr auto kUpdateInfoWait = 102 * 100ms;
+// ApplyUpdate is sent again at most once when its acknowledgement is late:
+// the wait lasts a timeout and the doubled one after the resend.
+constexpr int kApplyWaitTimeouts = 3;
+
+Clock::steady_point At(Clock::steady_point::rep count) {
+  return Clock::steady_point(Clock::steady_point::duration(count));
+}
 }  // namespace
 
 ConcurrentSession::ConcurrentSession(SendPath& send, BoardReports& board, ReceiveLoop& link, Clock& clock)
@@ -30,6 +38,7 @@ ConcurrentSession::ConcurrentSession(SendPath& send, BoardReports& board, Receiv
       progress_("board", clock, stall_.Limit().value_or(kDefaultStallLimit) + kProgressMargin) {
   send_.SendNextOnAcknowledgement([this] { Wake(); });
   board_.OnChange([this] { Wake(); });
+  board_.CountOnlyTheChunkInFlight();
 }
 
 ConcurrentSession::~ConcurrentSession() { StopReaderThread(); }
@@ -52,33 +61,35 @@ void ConcurrentSession::Wake() {
 
 bool ConcurrentSession::AwaitLink(std::chrono::nanoseconds timeout, const std::function<bool()>& ready) {
   const auto end = clock_.Monotonic() + timeout;
-  const std::chrono::nanoseconds resendSlice = std::chrono::milliseconds(send_.AckTimeoutMs());
   std::unique_lock<std::mutex> lock(wakeMutex_);
   for (;;) {
     const auto now = clock_.Monotonic();
     if (ready()) return true;
     if (now >= end) return false;
-    if (clock_.WaitFor(wake_, lock, std::min<std::chrono::nanoseconds>(end - now, resendSlice), ready))
+    if (clock_.WaitFor(wake_, lock, std::min<std::chrono::nanoseconds>(end - now, timer_.Timeout()), ready))
       return true;
     lock.unlock();
-    send_.ResendExpired();  // a lost acknowledgement costs ackTimeoutMs, not the update
+    // A lost acknowledgement costs one timeout; the answer to the copy
+    // cannot be told from the original's, so it is not timed.
+    if (send_.ResendOlderThan(timer_.Timeout())) timer_.Expired();
     lock.lock();
   }
 }
 
-bool ConcurrentSession::CompletedAndApplied() const {
-  const int apply = board_.applySequence;
-  return board_.updateCompleted && apply >= 0 && send_.NonePendingBefore(apply);
+std::chrono::nanoseconds ConcurrentSession::AnswerWait() {
+  return std::min<std::chrono::nanoseconds>(timer_.Timeout(), stall_.TimeLeft());
 }
 
 bool ConcurrentSession::ErrorReported() const { return board_.updateErrors != errorsAtSend_; }
 
 int ConcurrentSession::CheckForUpdate() {
   // A lost answer is asked for again once a second, within the designed
-  // time for the whole wait.
+  // time for the whole wait; only the first request's answer is timed.
   bool informed = false;
   for (int round = 0; !informed && round < kUpdateInfoWait / kReportTimeout; ++round) {
     if (send_.PendingCount() == 0) {
+      if (round == 0) timer_.Sent(clock_.Monotonic());
+      if (round != 0) timer_.Unmeasured();
       VYRCam::RequestUpdateInfo request;
       send_.SendPacket(request);
     }
@@ -88,6 +99,8 @@ int ConcurrentSession::CheckForUpdate() {
     Log::Error("Error asking tallyvane for update info status, not updating");
     return 0;
   }
+  timer_.Answered(At(board_.infoAt));
+  send_.DropPending();  // the answer is the request's acknowledgement too
 
   // Every chunk is read through the descriptor kept here: an image renamed
   // over the file meanwhile cannot mix with the one whose checksum was announced.
@@ -97,7 +110,12 @@ int ConcurrentSession::CheckForUpdate() {
     Log::Error("Firmware image [", firmwarePath, "] is empty; not updating");
     return 0;
   }
+  acked_ = AcknowledgedImage(imageSize_);
+  acked_.AddPartialDownload(board_.partialDlVer, static_cast<std::uint16_t>(packageVersion),
+                            board_.downloadedBlocks, board_.infoBlockSize);
   errorsAtSend_ = board_.updateErrors;
+  board_.Await(-1);
+  timer_.Sent(clock_.Monotonic());
   Announce();
   stall_.Progressed();  // the stall limit counts from the announcement
   return 1;
@@ -106,17 +124,22 @@ int ConcurrentSession::CheckForUpdate() {
 int ConcurrentSession::GetFirstUpdateBlock() {
   // The board answers the announcement with its first position. When that
   // answer is lost, the announcement goes out again.
-  while (!AwaitLink(std::min<std::chrono::nanoseconds>(kReportTimeout, stall_.TimeLeft()),
-                    [&] { return board_.nextBlock != -1 || ErrorReported(); })) {
+  while (!AwaitLink(AnswerWait(), [&] { return board_.awaitedReported || ErrorReported(); })) {
     if (stall_.TimeLeft() <= std::chrono::nanoseconds::zero()) return -1;  // the send refuses it
-    if (send_.PendingCount() == 0) Announce();
+    if (send_.PendingCount() != 0) continue;
+    timer_.Unmeasured();
+    board_.Await(-1);
+    Announce();
   }
   if (ErrorReported()) {
     Log::Error("The board reported an update error; giving up the update");
     return -1;
   }
-  firstPosition_ = board_.nextBlock;
-  return firstPosition_;
+  timer_.Answered(At(board_.reportedAt));
+  send_.DropPending();  // the answer is the announcement's acknowledgement too
+  reportsCounted_ = board_.reportsTaken;
+  nextPosition_ = board_.nextBlock;
+  return nextPosition_;
 }
 
 int ConcurrentSession::SendFirmwareBlock(int position) {
@@ -144,71 +167,127 @@ int ConcurrentSession::SendFirmwareBlock(int position) {
 
 bool ConcurrentSession::SendCounted(VYRCam::FirmwareBlock& block, int position, std::size_t bytes) {
   // The board reports byte positions, so the last byte sent is what its
-  // report is compared with. Set before the chunk leaves: the report may
-  // come back before SendPacket() returns.
+  // report is compared with. Set, and the clock started, before the chunk
+  // leaves: the report may come back before SendPacket() returns.
   const int lastByte = position + static_cast<int>(bytes) - 1;
   std::cout << "Setting last sent byte to [" << lastByte << "]" << '\n';
-  board_.lastSentBlock = lastByte;
+  board_.Await(lastByte);
+  if (timeNext_) timer_.Sent(clock_.Monotonic());
   return send_.SendPacket(block);
 }
 
 int ConcurrentSession::GetNextFirmwareBlock() {
-  const int next = UpdateMode::GetNextFirmwareBlock();
+  // A board with nothing more to ask for whose reports of some bytes were
+  // lost gets those bytes again, so that it acknowledges them.
+  int next = nextPosition_;
+  if (next == -1 && !acked_.Whole()) next = static_cast<int>(acked_.FirstMissing());
+  if (givenUp_) next = -1;
   if (next < 0) StopReaderThread();  // the machine ends the run as a failure
   return next;
 }
 
-bool ConcurrentSession::NoteProgress() {
-  if (sentBytes_ <= 0 || imageSize_ <= 0) return false;
-  // Measured from the board's first position, wrapping at the end, so that
-  // a board that asks for the start of the image last still moves forward,
-  // and one that asks for the same bytes again does not.
-  const std::int64_t from = ((sentPosition_ - firstPosition_) % imageSize_ + imageSize_) % imageSize_;
-  if (from + sentBytes_ <= traversed_) return false;
-  traversed_ = from + sentBytes_;
-  stall_.Progressed();
-  return true;
+int ConcurrentSession::WaitForAck() {
+  // A completion that came before this chunk's report, while the board still
+  // asked for bytes, is refused at once, unless the report of this very
+  // chunk may yet make the image whole. One that came after it is judged
+  // with the report.
+  AcknowledgedImage withChunk = acked_;
+  withChunk.Add(sentPosition_, sentBytes_);
+  const bool completable = withChunk.Whole();
+  const auto refused = [&] {
+    return board_.updateCompleted && board_.reportsBeforeCompletion <= reportsCounted_ &&
+           nextPosition_ != -1 && !completable;
+  };
+  AwaitLink(AnswerWait(), [&] { return ErrorReported() || board_.awaitedReported || refused(); });
+
+  if (ErrorReported()) return GiveUp();
+  if (refused()) return Refused();  // whatever this chunk's report says
+  if (board_.awaitedReported) return Reported();
+  return Lost();
 }
 
-int ConcurrentSession::WaitForAck() {
-  // A report of the very bytes sent that names a next position; the one
-  // naming none is followed by UpdateComplete, which is waited for.
-  const auto reported = [this] {
-    return board_.lastAckedBlock == board_.lastSentBlock && board_.nextBlock != -1;
-  };
-  AwaitLink(std::min<std::chrono::nanoseconds>(kReportTimeout, stall_.TimeLeft()),
-            [&] { return ErrorReported() || CompletedAndApplied() || reported(); });
-
-  if (CompletedAndApplied()) return Completed();
-  if (ErrorReported()) return GiveUp();
-  if (reported()) {
-    // A board that acknowledges without moving forward (an empty chunk, the
-    // same bytes again) is answered ever more slowly, and after a few such
-    // rounds the update is given up: it costs seconds, not the stall limit.
-    if (!NoteProgress()) stall_.Idle();
-    progress_.Report(std::min(imageSize_, firstPosition_ + traversed_), imageSize_);
-    return AfterAckWait(kAcked);
+int ConcurrentSession::Reported() {
+  timer_.Answered(At(board_.reportedAt));
+  timeNext_ = true;
+  unreportedInARow_ = 0;
+  send_.DropPending();  // the report is the chunk's acknowledgement too
+  reportsCounted_ = board_.reportsTaken;
+  const std::int64_t before = acked_.Covered();
+  acked_.Add(sentPosition_, sentBytes_);
+  nextPosition_ = board_.nextBlock;
+  // A board that acknowledges without moving forward (an empty chunk, the
+  // same bytes again) is answered ever more slowly, and after a few such
+  // rounds the update is given up: it costs seconds, not the stall limit.
+  if (acked_.Covered() > before) {
+    stall_.Progressed();
+  } else {
+    stall_.Idle();
   }
+  progress_.Report(acked_.Covered(), imageSize_);
+  if (acked_.Whole() && (nextPosition_ == -1 || board_.updateCompleted)) return Completed();
+  if (board_.updateCompleted && nextPosition_ != -1) return Refused();
+  return Acked();
+}
+
+int ConcurrentSession::Acked() {
+  std::cout << "Tallyvane ACK status: " << kAcked << '\n';
+  const int grown = ChunkSize::AfterDelivery(packetSize);
+  if (grown != packetSize) std::cout << "Bumping packet size to [" << grown << "]" << '\n';
+  packetSize = grown;
+  return kAcked;
+}
+
+int ConcurrentSession::Lost() {
   std::cout << "Last Acked: [" << board_.lastAckedBlock.load() << "], last sent: ["
             << board_.lastSentBlock.load() << "]" << '\n';
   std::cout << Kept::kNoBlockAck << '\n';
-  return AfterAckWait(kResend);
+  if (send_.PendingCount() == 0) {
+    // Acknowledged but not reported: the link works and the report was
+    // lost, or the board has forgotten the update. One such chunk is a
+    // loss; from the second in a row each is an idle round, and the timeout
+    // stays, so that a forgetful board ends in seconds.
+    timer_.Unmeasured();
+    if (++unreportedInARow_ > 1) stall_.Idle();
+  } else {
+    timer_.Expired();  // nothing came back: back off
+  }
+  timeNext_ = false;
+  send_.ClearPending();  // the chunk goes again, as a new packet
+  packetSize = ChunkSize::AfterLoss(packetSize);
+  std::cout << "Tallyvane ACK status: " << kResend << '\n';
+  std::cout << "Halving packet size to [" << packetSize << "]" << '\n';
+  return kResend;
 }
 
 int ConcurrentSession::Completed() {
+  // The board sends its completion after its last report.
+  AwaitLink(AnswerWait(), [this] { return board_.updateCompleted || ErrorReported(); });
+  if (ErrorReported()) return GiveUp();
+  if (!board_.updateCompleted) return Lost();
+  VYRCam::ApplyUpdate apply;
+  send_.SendPacket(apply);
   // The board's acknowledgement of ApplyUpdate says it has taken it; it is
   // waited for a while, but the update is complete either way.
-  AwaitLink(std::chrono::milliseconds(send_.AckTimeoutMs()), [this] { return send_.PendingCount() == 0; });
-  NoteProgress();
+  AwaitLink(kApplyWaitTimeouts * timer_.Timeout(), [this] { return send_.PendingCount() == 0; });
   progress_.Report(imageSize_, imageSize_);
   std::cout << "Tallyvane ACK status: " << kLastBlockAcked << '\n';
   return kLastBlockAcked;
 }
 
+int ConcurrentSession::Refused() {
+  // A completion frame says the board holds the image; its reports say
+  // what it holds. ApplyUpdate for an image it lacks could brick it.
+  Log::Error("The board reported completion after ", std::to_string(acked_.Covered()), " of ",
+             std::to_string(acked_.Size()), " bytes; not applying");
+  givenUp_ = true;
+  std::cout << "Tallyvane ACK status: " << kGivenUp << '\n';
+  return kGivenUp;
+}
+
 int ConcurrentSession::GiveUp() {
   // The board has forgotten the update; no next position ends it.
   Log::Error("The board reported an update error; giving up the update");
-  board_.nextBlock = -1;
+  givenUp_ = true;
   std::cout << "Tallyvane ACK status: " << kGivenUp << '\n';
   return kGivenUp;
 }

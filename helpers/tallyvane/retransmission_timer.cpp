@@ -12,7 +12,9 @@ void RetransmissionTimer::Expired() {
 }
 
 void RetransmissionTimer::Answered(TimePoint at) {
-  if (!sentAt_) return;
+  // An answer from before the frame left (a leftover of an earlier run) is
+  // no answer to it.
+  if (!sentAt_ || at < *sentAt_) return;
   Measured(at - *sentAt_);
   sentAt_.reset();
 }

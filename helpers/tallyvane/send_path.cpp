@@ -70,15 +70,19 @@ void SendPath::DropPending() {
 }
 
 bool SendPath::ResendExpired() {
+  ResendOlderThan(std::chrono::milliseconds(ackTimeoutMs));
+  return true;
+}
+
+bool SendPath::ResendOlderThan(std::chrono::nanoseconds age) {
   std::lock_guard<std::mutex> lock(queueMutex);
-  if (pendingPackets.empty()) return true;
+  if (pendingPackets.empty()) return false;
   PendingPacket& oldest = pendingPackets.front();
   const auto now = clock_.Now();
-  if (now - oldest.sentAt > std::chrono::milliseconds(ackTimeoutMs)) {
-    std::cerr << Kept::kExpiredAck << static_cast<unsigned>(oldest.sequence) << "], resending." << '\n';
-    oldest.sentAt = now;
-    Transmit(oldest.bytes);
-  }
+  if (now - oldest.sentAt <= age) return false;
+  std::cerr << Kept::kExpiredAck << static_cast<unsigned>(oldest.sequence) << "], resending." << '\n';
+  oldest.sentAt = now;
+  Transmit(oldest.bytes);
   return true;
 }
 

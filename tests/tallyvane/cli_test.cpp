@@ -67,8 +67,9 @@ TEST(TheDefaultRun, ChecksInVainThenReadsTheBoardUntilStopped) {
                                  "Entered: UpdateDone"));
 }
 
-// The concurrent mode: one update per run against tallyvane-sim on FIFOs of ours, on the real clock. A
-// 65,000-byte image (not a multiple of the chunk size) replaces the board's version 3 with version 9.
+// The concurrent mode: one update per run against tallyvane-sim on FIFOs of ours, on the real clock. An image
+// of 65,000 bytes unless the row says otherwise (not a multiple of the chunk size) replaces the board's
+// version 3 with version 9.
 const std::string kClosing = "Exiting firmware-updater ...";
 const std::string kGivenUp = "[ERROR] -- The board reported an update error; giving up the update";
 const std::string kNoProgress = "[ERROR] -- No progress for ";
@@ -81,7 +82,9 @@ struct BoardRun {
   std::chrono::seconds within{15};
   std::string stallSeconds = "300";
   bool boardPresent = true;
+  std::size_t imageBytes = 65000;
 };
+void PrintTo(const BoardRun& row, std::ostream* os) { *os << row.name; }
 
 class AConcurrentBoardUpdate : public testing::TestWithParam<BoardRun> {};
 
@@ -89,7 +92,7 @@ TEST_P(AConcurrentBoardUpdate, EndsAsTheBoardAllows) {
   const BoardRun& run = GetParam();
   const bool delivered = run.line == kClosing;
   TempDir dir;
-  const std::string image = RandomBytes(65000, 11);
+  const std::string image = RandomBytes(run.imageBytes, 11);
   dir.Write("tallyvane-9.bin", image);
   std::optional<ChildProcess> board;
   std::vector<std::string> args = {
@@ -114,8 +117,13 @@ TEST_P(AConcurrentBoardUpdate, EndsAsTheBoardAllows) {
   EXPECT_LT(result.elapsed, run.within);
   EXPECT_EQ(ReadFile(dir / "received.bin") == image, delivered);
   EXPECT_EQ(ReadFile(dir / "version"), delivered ? "9\n" : run.boardPresent ? "3\n" : "");
+  if (board) {
+    EXPECT_EQ(board->Out().find("\nAPPLY\n") != std::string::npos, delivered);
+  }
   const auto statuses = notify.Take();
-  EXPECT_EQ(!statuses.empty() && statuses.back().rfind("STATUS=board: 65000/65000 bytes (100%)", 0) == 0,
+  const std::string whole = std::to_string(run.imageBytes);
+  EXPECT_EQ(!statuses.empty() &&
+                statuses.back().rfind("STATUS=board: " + whole + "/" + whole + " bytes (100%)", 0) == 0,
             delivered);
 }
 
@@ -129,6 +137,29 @@ const BoardRun kRuns[] = {
     {"BoardRefusesTheAnnouncedImage", {"--max-image-bytes", "1000"}, kGivenUp},
     {"BoardForgetsTheUpdateMidTransfer", {"--error-after", "50"}, kGivenUp},
     {"BoardNeverAnswers", {}, kRefusal, /*within=*/13s, /*stallSeconds=*/"300", /*boardPresent=*/false},
+    {"BoardCompletesAfterTwentyChunks",
+     {"--complete-after", "20"},
+     "[ERROR] -- The board reported completion after 1280 of 65000 bytes; not applying"},
+    {"BoardAnswersASecondLate",
+     {"--answer-delay-ms", "1000", "--answer-jitter-ms", "500"},
+     kClosing,
+     /*within=*/15s,
+     /*stallSeconds=*/"300",
+     /*boardPresent=*/true,
+     /*imageBytes=*/200},
+    {"BoardRepeatsItsPreviousReport", {"--stale-after", "2"}},
+    {"LossyLink",
+     {"--drop-ack-every", "3", "--drop-report-every", "4", "--corrupt-frame", "9,30"},
+     kClosing,
+     /*within=*/15s,
+     /*stallSeconds=*/"300",
+     /*boardPresent=*/true,
+     /*imageBytes=*/3000},
+    {"BoardRestartsAndReportsNoMore",
+     {"--forget-after", "50"},
+     kNoProgress,
+     /*within=*/16s,
+     /*stallSeconds=*/"0"},
 };
 INSTANTIATE_TEST_SUITE_P(Runs, AConcurrentBoardUpdate, testing::ValuesIn(kRuns), RowName<BoardRun>);
 

@@ -28,6 +28,7 @@ struct History {
   std::vector<Step> steps;
   Timer::Duration timeout;
 };
+void PrintTo(const History& row, std::ostream* os) { *os << row.name; }
 const History kHistories[] = {
     {"NothingYet", {}, 1s},
     // The first answer: its round trip plus four times half of it.
@@ -44,6 +45,7 @@ const History kHistories[] = {
     // Karn's rule: whether the answer is the original's or the copy's cannot be told.
     {"ExpiredFrameAnswered", {{300ms, 1}}, 2s},
     {"FreshAnswerAfterAnExpiredFrame", {{300ms, 2}, {200ms}}, 600ms},
+    {"AnswerFromBeforeTheFrameLeft", {{-1ms}}, 1s},
     {"RepeatedAnswer", {{200ms}, {700ms, 0, /*sent=*/false}}, 600ms},
 };
 class ARetransmissionTimer : public testing::TestWithParam<History> {};
@@ -60,29 +62,53 @@ TEST_P(ARetransmissionTimer, EndsWithTheTimeoutItsAnswersAndExpiriesGive) {
 }
 INSTANTIATE_TEST_SUITE_P(Histories, ARetransmissionTimer, testing::ValuesIn(kHistories), RowName<History>);
 
-// Reports of byte ranges of a 100-byte image, after the board's update information.
+// Reports of byte ranges of a 100-byte image, after the board's update information. The first byte missing is
+// what the board is sent again once it asks for nothing more.
 struct Coverage {
   std::string name;
   std::vector<std::pair<std::int64_t, std::int64_t>> reports;  // from, count
   std::int64_t covered;
+  std::int64_t firstMissing;
   std::uint16_t partial = 0;    // version of the board's partial download
   std::int64_t heldBlocks = 0;  // of 16 bytes
   std::uint16_t announced = 9;
 };
+void PrintTo(const Coverage& row, std::ostream* os) { *os << row.name; }
 const Coverage kCoverages[] = {
-    {"Adjacent", {{0, 40}, {40, 60}}, /*covered=*/100},
-    {"Overlapping", {{0, 50}, {25, 50}}, /*covered=*/75},
-    {"BridgingTwo", {{0, 10}, {20, 10}, {5, 20}}, /*covered=*/30},
-    {"PastTheEnd", {{90, 20}}, /*covered=*/10},
-    {"BeforeTheStart", {{-5, 10}}, /*covered=*/5},
-    {"WhollyOutside", {{100, 10}, {-10, 10}}, /*covered=*/0},
-    {"NoBytes", {{50, 0}, {60, -10}}, /*covered=*/0},
-    {"AllButTheLastByte", {{0, 99}}, /*covered=*/99},
-    {"TheLastByteAlone", {{0, 99}, {99, 1}}, /*covered=*/100},
-    {"PartialDownloadOfTheAnnouncedVersion", {}, /*covered=*/48, /*partial=*/9, /*heldBlocks=*/3},
-    {"PartialDownloadOfAnotherVersion", {}, /*covered=*/0, /*partial=*/8, /*heldBlocks=*/3},
-    {"PartialDownloadLargerThanTheImage", {}, /*covered=*/100, /*partial=*/9, /*heldBlocks=*/1000},
-    {"PartialVersionZero", {}, /*covered=*/0, /*partial=*/0, /*heldBlocks=*/3, /*announced=*/0},
+    {"Adjacent", {{0, 40}, {40, 60}}, /*covered=*/100, /*firstMissing=*/100},
+    {"Overlapping", {{0, 50}, {25, 50}}, /*covered=*/75, /*firstMissing=*/75},
+    {"BridgingTwo", {{0, 10}, {20, 10}, {5, 20}}, /*covered=*/30, /*firstMissing=*/30},
+    {"PastTheEnd", {{90, 20}}, /*covered=*/10, /*firstMissing=*/0},
+    {"BeforeTheStart", {{-5, 10}}, /*covered=*/5, /*firstMissing=*/5},
+    {"WhollyOutside", {{100, 10}, {-10, 10}}, /*covered=*/0, /*firstMissing=*/0},
+    {"NoBytes", {{50, 0}, {60, -10}}, /*covered=*/0, /*firstMissing=*/0},
+    {"AllButTheLastByte", {{0, 99}}, /*covered=*/99, /*firstMissing=*/99},
+    {"TheLastByteAlone", {{0, 99}, {99, 1}}, /*covered=*/100, /*firstMissing=*/100},
+    {"PartialDownloadOfTheAnnouncedVersion",
+     {},
+     /*covered=*/48,
+     /*firstMissing=*/48,
+     /*partial=*/9,
+     /*heldBlocks=*/3},
+    {"PartialDownloadOfAnotherVersion",
+     {},
+     /*covered=*/0,
+     /*firstMissing=*/0,
+     /*partial=*/8,
+     /*heldBlocks=*/3},
+    {"PartialDownloadLargerThanTheImage",
+     {},
+     /*covered=*/100,
+     /*firstMissing=*/100,
+     /*partial=*/9,
+     /*heldBlocks=*/1000},
+    {"PartialVersionZero",
+     {},
+     /*covered=*/0,
+     /*firstMissing=*/0,
+     /*partial=*/0,
+     /*heldBlocks=*/3,
+     /*announced=*/0},
 };
 class AnAcknowledgedImage : public testing::TestWithParam<Coverage> {
  protected:
@@ -95,6 +121,10 @@ class AnAcknowledgedImage : public testing::TestWithParam<Coverage> {
 };
 
 TEST_P(AnAcknowledgedImage, CountsEachByteOnce) { EXPECT_EQ(image_.Covered(), GetParam().covered); }
+
+TEST_P(AnAcknowledgedImage, LacksFirstTheByteAfterTheRangeFromItsStart) {
+  EXPECT_EQ(image_.FirstMissing(), GetParam().firstMissing);
+}
 
 TEST_P(AnAcknowledgedImage, IsWholeWithItsLastByte) { EXPECT_EQ(image_.Whole(), GetParam().covered == 100); }
 INSTANTIATE_TEST_SUITE_P(Reports, AnAcknowledgedImage, testing::ValuesIn(kCoverages), RowName<Coverage>);

@@ -40,6 +40,7 @@ struct DeadLink {
   bool directory = false;       // or a plain file of `completions` completions, each forgotten again
   std::size_t completions = 0;  // by an update error
 };
+void PrintTo(const DeadLink& row, std::ostream* os) { *os << row.name; }
 
 class ADeadDataPath : public testing::TestWithParam<DeadLink> {};
 

@@ -32,6 +32,8 @@ class AcknowledgedImage {
   std::int64_t Size() const { return size_; }
   std::int64_t Covered() const { return covered_; }
   bool Whole() const { return covered_ == size_; }
+  // Update thread. The first byte not acknowledged; Size() when none is.
+  std::int64_t FirstMissing() const;
 
  private:
   std::int64_t size_;

@@ -1,9 +1,17 @@
 // The board's update with the receive loop on a thread of the session's own,
 // from before the update starts ($QUORVEX_TALLYVANE_READER=concurrent).
 // The waits are woken by what the receive path stores instead of polling,
-// an acknowledged chunk is the board's report of the very bytes that were
-// sent (lastSentBlock holds the last byte sent, not a count), and every wait
-// obeys the stall limit. Thread words as in receive_loop.hpp.
+// and every wait obeys the stall limit. A board on a real link answers late,
+// loses frames and may say things that are not so; so here:
+//  - a chunk counts only by the board's report of the very bytes in flight
+//    (lastSentBlock holds the last byte sent, not a count), and that report
+//    is its acknowledgement too;
+//  - the waits last as long as the board's answers have taken
+//    (RetransmissionTimer), and a lost answer costs one such wait and half
+//    the chunk size;
+//  - ApplyUpdate goes out only once every byte of the image is acknowledged;
+//    a completion while the board still asks for bytes is refused.
+// Thread words as in receive_loop.hpp.
 #pragma once
 
 #include <chrono>
@@ -14,6 +22,8 @@
 
 #include "common/notify.hpp"
 #include "common/stall_limit.hpp"
+#include "helpers/tallyvane/acknowledged_image.hpp"
+#include "helpers/tallyvane/retransmission_timer.hpp"
 #include "helpers/tallyvane/update_mode.hpp"
 
 namespace Updater::Helpers {
@@ -22,8 +32,8 @@ class ReceiveLoop;
 
 class ConcurrentSession : public UpdateMode {
  public:
-  // How long the session waits for the board's report of a chunk before the
-  // chunk goes out again.
+  // Each round of the wait for update information: a request whose answer
+  // is lost is asked again after this.
   static constexpr std::chrono::seconds kReportTimeout{1};
 
   // Hooks itself into `send` and `board` so that they wake its waits.
@@ -48,19 +58,23 @@ class ConcurrentSession : public UpdateMode {
   bool SendCounted(VYRCam::FirmwareBlock& block, int position, std::size_t bytes) override;
 
  private:
+  // Context (all but Wake): update thread.
   void StopReaderThread();
   // Wakes whoever waits in AwaitLink(). Context: any thread.
   void Wake();
   // Waits until `ready()` or `timeout`, woken by the receive path. A pending
   // packet whose acknowledgement is overdue goes out again meanwhile.
   bool AwaitLink(std::chrono::nanoseconds timeout, const std::function<bool()>& ready);
-  // The board has completed and ApplyUpdate is on the wire (or acknowledged).
-  bool CompletedAndApplied() const;
+  // One timeout of the board's, or what the stall limit leaves.
+  std::chrono::nanoseconds AnswerWait();
   bool ErrorReported() const;
-  // True when the chunk just acknowledged moved the transfer forward.
-  bool NoteProgress();
+  // What the acknowledgement wait returns, by what it saw.
+  int Reported();
+  int Lost();
   int Completed();
+  int Refused();
   int GiveUp();
+  int Acked();
 
   ReceiveLoop& link_;
   std::thread readerThread_;
@@ -71,13 +85,21 @@ class ConcurrentSession : public UpdateMode {
   // The rest belongs to the update thread.
   StallWatch stall_;   // the stall limit and the idle rounds
   Image::File image_;  // the image the checksum was taken of, read to the end of the run
-  int firstPosition_ = 0;
   int sentPosition_ = 0;
   int sentBytes_ = 0;
   unsigned errorsAtSend_ = 0;
-  // Bytes acknowledged in the order the board asks for them, from its first
-  // position on (wrapping at the end of the image).
-  std::int64_t traversed_ = 0;
+  RetransmissionTimer timer_;
+  // Whether the next chunk's answer is timed: not after a loss (Karn).
+  bool timeNext_ = true;
+  // The bytes the board has acknowledged in its reports.
+  AcknowledgedImage acked_;
+  // What the board's last counted report asked for next; -1: nothing more.
+  int nextPosition_ = -1;
+  // The board's reports taken so far (BoardReports::reportsTaken).
+  unsigned reportsCounted_ = 0;
+  bool givenUp_ = false;
+  // Chunks in a row the board acknowledged but never reported.
+  int unreportedInARow_ = 0;
   ProgressNotifier progress_;
 };
 

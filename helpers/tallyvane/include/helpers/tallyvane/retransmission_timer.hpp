@@ -49,6 +49,10 @@ class RetransmissionTimer {
   // measured unless the frame's wait expired since Sent(); a measurement ends
   // the back-off. Later answers to the same frame are not measured.
   void Answered(TimePoint at);
+  // Update thread. The frame in flight gives no measurement any more, and
+  // the timeout stays as it is: its answer was not missed for want of
+  // time (the board took the frame and said nothing of it).
+  void Unmeasured() { sentAt_.reset(); }
 
   // Update thread. For the log: the smoothed round trip, once measured.
   std::optional<Duration> SmoothedRoundTrip() const { return smoothed_; }

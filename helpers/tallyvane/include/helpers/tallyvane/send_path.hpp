@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -58,6 +59,10 @@ class SendPath {
   // Always true.
   // Context: any thread.
   bool ResendExpired();
+  // Sends the oldest pending packet again once it has waited longer than
+  // `age`; true when it did.
+  // Context: any thread.
+  bool ResendOlderThan(std::chrono::nanoseconds age);
 
   // Context: any thread.
   std::size_t PendingCount() const;
