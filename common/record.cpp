@@ -26,6 +26,11 @@ void Recorder::Package(const std::string& name, std::int64_t size, std::int64_t 
   WriteHeaderLocked();
 }
 
+void Recorder::WriteHeader() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  WriteHeaderLocked();
+}
+
 void Recorder::Exchange(Json::Object line) {
   const auto now = std::chrono::steady_clock::now();
   const std::lock_guard<std::mutex> lock(mutex_);

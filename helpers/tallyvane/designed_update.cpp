@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "common/log.hpp"
+#include "common/record.hpp"
 #include "helpers/tallyvane/board_reports.hpp"
 #include "helpers/tallyvane/kept_texts.hpp"
 #include "helpers/tallyvane/receive_loop.hpp"
@@ -28,7 +29,12 @@ constexpr auto kFirstBlockPoll = 30ms;
 DesignedUpdate::DesignedUpdate(SendPath& send, BoardReports& board, ReceiveLoop& link, Clock& clock)
     : UpdateMode(send, board, clock), link_(link) {}
 
-void DesignedUpdate::EndRun() { link_.RunReader(); }
+void DesignedUpdate::EndRun() {
+  // The board is read from here until the process is ended: what is read
+  // is recorded as it comes, not held for a package.
+  if (auto* recorder = Record::Active()) recorder->WriteHeader();
+  link_.RunReader();
+}
 
 int DesignedUpdate::CheckForUpdate() {
   VYRCam::RequestUpdateInfo request;

@@ -13,8 +13,10 @@
 #include <cstring>
 #include <iostream>
 
+#include "common/board_record.hpp"
 #include "common/log.hpp"
 #include "common/notify.hpp"
+#include "common/record.hpp"
 #include "lc/downlink_frame.hpp"
 #include "vyrcam/packets.hpp"
 
@@ -200,6 +202,7 @@ ReceiveLoop::Turn ReceiveLoop::HandleRead(ssize_t count) {
 // ---- the frame parser --------------------------------------------------------
 
 void ReceiveLoop::Receive(const std::uint8_t* data, std::size_t count) {
+  if (auto* recorder = Record::Active()) recorder->Exchange(Record::BoardReceived(data, count));
   rxBuffer.clear();
   rxBuffer.insert(rxBuffer.end(), data, data + count);
   ProcessReceived();

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <iostream>
 
+#include "common/board_record.hpp"
 #include "common/log.hpp"
+#include "common/record.hpp"
 #include "helpers/tallyvane/kept_texts.hpp"
 #include "lc/qel_arm_control.hpp"
 #include "vyrcam/packets.hpp"
@@ -20,6 +22,8 @@ void SendPath::SendNextOnAcknowledgement(std::function<void()> onAcknowledged) {
 }
 
 bool SendPath::Transmit(const std::vector<std::uint8_t>& bytes) const {
+  // Written before the bytes leave, so that no answer can precede it in the recording.
+  if (auto* recorder = Record::Active()) recorder->Exchange(Record::BoardSent(bytes.data(), bytes.size()));
   return lc::QelArmControl::Send_Dl_Us_Raw(kDownlinkChannel, bytes.data(), bytes.size()) != 0;
 }
 

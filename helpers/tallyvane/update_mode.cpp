@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "common/log.hpp"
+#include "common/record.hpp"
 #include "helpers/tallyvane/board_reports.hpp"
 #include "helpers/tallyvane/kept_texts.hpp"
 #include "helpers/tallyvane/send_path.hpp"
@@ -44,7 +45,9 @@ bool UpdateMode::ReadPackage(Image::File& image) {
   const auto package = lc::QelArmControl::FilesystemFirmwarePackage(0);
   packageVersion = package.first;
   firmwarePath = package.second;
-  if (packageVersion <= lc::QelArmControl::TallyvaneFirmwareVer()) return false;
+  const int running = lc::QelArmControl::TallyvaneFirmwareVer();
+  if (auto* recorder = Record::Active()) recorder->Exchange(Json::Object().Add("board_version", running));
+  if (packageVersion <= running) return false;
 
   if (image.Open(firmwarePath) != Image::Opened::Yes) return false;
   const std::streamoff length = Image::Length(image);
@@ -57,6 +60,8 @@ bool UpdateMode::ReadPackage(Image::File& image) {
     return false;
 
   checksum_ = ReportChecksum(static_cast<std::size_t>(length), sum);
+  if (auto* recorder = Record::Active())
+    recorder->Package(firmwarePath.substr(firmwarePath.rfind('/') + 1), length, checksum_);
   imageSize_ = length;
   // The checksum is shown in hex and the stream is left that way: every
   // later number on standard output is hex too.

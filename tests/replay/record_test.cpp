@@ -95,6 +95,19 @@ TEST_F(ARecorder, EndedWithoutAPackageStillLeavesWhatItHeld) {
   EXPECT_THAT(lines[1], HasSubstr(R"("n":1)"));
 }
 
+// The designed board mode reads the board after the update until it is ended.
+TEST_F(ARecorder, TakesNoPackageOnceTheHeaderIsWrittenAndHoldsNothingAfterIt) {
+  Record::Recorder recorder(path_, Header(), warnings_);
+  recorder.Exchange(Call(1));
+  recorder.WriteHeader();
+  recorder.Exchange(Call(2));
+  recorder.Package("p", 1, 2);
+  const auto lines = Lines(ReadFile(path_));
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0], R"({"target":"camera"})");
+  EXPECT_THAT(lines[2], HasSubstr(R"("n":2)"));
+}
+
 // Each thread's lines stay whole and none is lost.
 TEST_F(ARecorder, TakesExchangesFromTwoThreads) {
   Record::Recorder recorder(path_, Header(), warnings_);

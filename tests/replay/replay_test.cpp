@@ -1,10 +1,12 @@
-// The table of recorded sessions (sessions.txt): each recording replayed by
-// camd-sim --replay into the real firmware-updater, on a private bus.
+// The table of recorded sessions (sessions.txt): each recording replayed into
+// the real firmware-updater, a camera's by camd-sim --replay on a private bus,
+// a board's by tallyvane-sim --replay on FIFOs of the test's own.
 #include <gmock/gmock.h>
 
 #include <fstream>
 
 #include "camd_fixture.hpp"
+#include "common/board_record.hpp"
 #include "common/json_line.hpp"
 
 namespace Updater::Testing {
@@ -16,6 +18,7 @@ const std::string kDir = FWU_REPLAY_DIR;
 struct Session {
   std::string name;
   bool image = false;    // the recording delivered the image
+  bool fast = false;     // replayed without the recorded delays
   int mismatchLine = 0;  // where the recording and the updater part
 };
 void PrintTo(const Session& s, std::ostream* os) { *os << s.name; }
@@ -29,6 +32,7 @@ std::vector<Session> Sessions() {
     if (!(words >> row.name) || row.name[0] == '#') continue;
     for (std::string word; words >> word;) {
       if (word == "image") row.image = true;
+      if (word == "fast") row.fast = true;
       if (word.rfind("mismatch=", 0) == 0) row.mismatchLine = std::stoi(word.substr(9));
     }
     rows.push_back(row);
@@ -56,15 +60,32 @@ TEST_P(ARecordedSession, ReplaysToTheRecordedEnd) {
   if (const auto stall = header.String("stall_seconds")) setenv("QUORVEX_STALL_SECONDS", stall->c_str(), 1);
   std::int64_t span = 0;  // from the first answer to the last
   for (const auto& line : lines) span += line.Number("ms").value_or(0);
-  StartSim({"--replay=" + path});
+  const bool board = header.String("target") == "tallyvane";
+  std::vector<std::string> replay = {"--replay=" + path};
+  if (row.fast) replay.push_back("--replay-fast");
+  ProcessOptions options;
+  std::vector<std::string> args = {"camera", header.String("index").value_or("")};
+  if (board) {
+    args = {"tallyvane"};
+    replay.insert(replay.end(), {"--uplink", fw_ / "uplink", "--downlink", fw_ / "downlink", "--version-file",
+                                 fw_ / "version"});
+    sim_ = std::make_unique<ChildProcess>(TALLYVANE_SIM_BIN, replay, fw_.path(), "READY");
+    options.env = {{"QUORVEX_TALLYVANE_DATA", fw_ / "uplink"},
+                   {"QUORVEX_TALLYVANE_DOWNLINK", fw_ / "downlink"},
+                   {"QUORVEX_TALLYVANE_VERSION_FILE", fw_ / "version"},
+                   {"QUORVEX_TALLYVANE_READER", header.String("reader").value_or("")}};
+  } else {
+    StartSim(replay);
+  }
 
-  const auto r = RunProcess(UpdaterBinary(), {"camera", header.String("index").value_or("")});
+  const auto r = RunProcess(UpdaterBinary(), args, options);
   const std::string said = sim_->Out();
   if (row.mismatchLine > 0) {
     const auto at = static_cast<std::size_t>(row.mismatchLine);
-    const std::string expected = at < lines.size() ? lines[at].String("call").value_or("") + "(" +
-                                                         lines[at].String("args").value_or("") + ")"
-                                                   : "the end of the recording";
+    const std::string expected =
+        at >= lines.size() ? "the end of the recording"
+        : board            ? Record::SentText(lines[at])
+                : lines[at].String("call").value_or("") + "(" + lines[at].String("args").value_or("") + ")";
     EXPECT_THAT(said, HasSubstr("REPLAY mismatch at line " + std::to_string(at) + ": expected " + expected +
                                 ", got "));
     EXPECT_GE(r.exitStatus, 0);  // ended by itself
@@ -78,12 +99,16 @@ TEST_P(ARecordedSession, ReplaysToTheRecordedEnd) {
     }
   }
   EXPECT_THAT(said, Not(HasSubstr("REPLAY mismatch")));
-  // camd's recorded delays are replayed: the run takes as long as it did.
-  EXPECT_GE(r.elapsed, std::chrono::milliseconds(span * 9 / 10));
+  // The recorded delays are replayed: the run takes as long as it did.
+  if (!row.fast) {
+    EXPECT_GE(r.elapsed, std::chrono::milliseconds(span * 9 / 10));
+  }
   char verdict[80];
-  (void)std::snprintf(verdict, sizeof verdict, "VERDICT ok camera=0 bytes=%ld crc=%04lx",
-                      static_cast<long>(header.Number("size").value_or(-1)),
-                      static_cast<long>(header.Number("checksum").value_or(-1)));
+  (void)std::snprintf(
+      verdict, sizeof verdict,
+      board ? "VERDICT ok bytes=%ld checksum=%04lx" : "VERDICT ok camera=0 bytes=%ld crc=%04lx",
+      static_cast<long>(header.Number("size").value_or(-1)),
+      static_cast<long>(header.Number("checksum").value_or(-1)));
   EXPECT_EQ(CountOf(said, verdict), row.image ? 1u : 0u) << said;
 }
 INSTANTIATE_TEST_SUITE_P(Sessions, ARecordedSession, ::testing::ValuesIn(Sessions()), RowName<Session>);

@@ -49,6 +49,11 @@ class Recorder {
   // Names the package and writes the header with whatever was held back.
   // Only the first call counts.
   void Package(const std::string& name, std::int64_t size, std::int64_t checksum);
+  // Writes the header now, without a package when none was named, and with
+  // it whatever was held back: for a run that goes on exchanging with its
+  // target after the update (until it is ended), whose lines must not wait
+  // for a package that will not come. Later Package calls do not count.
+  void WriteHeader();
   // Appends `line` with "ms", the milliseconds since the previous exchange.
   void Exchange(Json::Object line);
   // The last line: the process's exit status. The header goes first if it has not.
