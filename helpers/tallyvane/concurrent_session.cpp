@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iostream>
 
+#include "common/console.hpp"
 #include "common/log.hpp"
 #include "helpers/tallyvane/board_reports.hpp"
 #include "helpers/tallyvane/kept_texts.hpp"
@@ -132,7 +133,8 @@ int ConcurrentSession::SendFirmwareBlock(int position) {
     stall_.GivenUp(position);
     return notSent();
   }
-  std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
+  if (Console::Detail())
+    std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
   image_.clear();  // the last chunk read up to the end of the file
   auto chunk = Image::ReadChunk(image_, imageSize_, position, packetSize);
   if (!chunk) return notSent();
@@ -147,7 +149,7 @@ bool ConcurrentSession::SendCounted(VYRCam::FirmwareBlock& block, int position, 
   // report is compared with. Set before the chunk leaves: the report may
   // come back before SendPacket() returns.
   const int lastByte = position + static_cast<int>(bytes) - 1;
-  std::cout << "Setting last sent byte to [" << lastByte << "]" << '\n';
+  if (Console::Detail()) std::cout << "Setting last sent byte to [" << lastByte << "]" << '\n';
   board_.lastSentBlock = lastByte;
   return send_.SendPacket(block);
 }
@@ -187,11 +189,14 @@ int ConcurrentSession::WaitForAck() {
     // rounds the update is given up: it costs seconds, not the stall limit.
     if (!NoteProgress()) stall_.Idle();
     progress_.Report(std::min(imageSize_, firstPosition_ + traversed_), imageSize_);
+    ReportProgress(std::min(imageSize_, firstPosition_ + traversed_));
     return AfterAckWait(kAcked);
   }
-  std::cout << "Last Acked: [" << board_.lastAckedBlock.load() << "], last sent: ["
-            << board_.lastSentBlock.load() << "]" << '\n';
-  std::cout << Kept::kNoBlockAck << '\n';
+  if (Console::Detail()) {
+    std::cout << "Last Acked: [" << board_.lastAckedBlock.load() << "], last sent: ["
+              << board_.lastSentBlock.load() << "]" << '\n';
+    std::cout << Kept::kNoBlockAck << '\n';
+  }
   return AfterAckWait(kResend);
 }
 
@@ -201,7 +206,8 @@ int ConcurrentSession::Completed() {
   AwaitLink(std::chrono::milliseconds(send_.AckTimeoutMs()), [this] { return send_.PendingCount() == 0; });
   NoteProgress();
   progress_.Report(imageSize_, imageSize_);
-  std::cout << "Tallyvane ACK status: " << kLastBlockAcked << '\n';
+  ReportProgress(imageSize_);
+  if (Console::Detail()) std::cout << "Tallyvane ACK status: " << kLastBlockAcked << '\n';
   return kLastBlockAcked;
 }
 
@@ -209,7 +215,7 @@ int ConcurrentSession::GiveUp() {
   // The board has forgotten the update; no next position ends it.
   Log::Error("The board reported an update error; giving up the update");
   board_.nextBlock = -1;
-  std::cout << "Tallyvane ACK status: " << kGivenUp << '\n';
+  if (Console::Detail()) std::cout << "Tallyvane ACK status: " << kGivenUp << '\n';
   return kGivenUp;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iostream>
 
+#include "common/console.hpp"
 #include "common/log.hpp"
 #include "helpers/tallyvane/kept_texts.hpp"
 #include "lc/qel_arm_control.hpp"
@@ -27,7 +28,7 @@ bool SendPath::SendPacket(VYRCam::Packet& packet) {
   std::vector<std::uint8_t> bytes(static_cast<std::size_t>(packet.Length()));
   packet.SequenceNumber(nextSequence.fetch_add(1));
   packet.Pack(bytes.data());
-  std::cout << " ** Sending message pkt # [" << packet.SequenceNumber() << "]" << '\n';
+  if (Console::Detail()) std::cout << " ** Sending message pkt # [" << packet.SequenceNumber() << "]" << '\n';
   const auto sequence = static_cast<std::uint8_t>(packet.SequenceNumber());
 
   if (!packet.NeedsAck()) return Transmit(bytes);
@@ -60,7 +61,7 @@ bool SendPath::RemovePending(std::uint8_t sequence) {
 }
 
 void SendPath::ClearPending() {
-  Log::Debug(Colour::Cyan, Kept::kClearingQueue);
+  if (Console::Detail()) Log::Debug(Colour::Cyan, Kept::kClearingQueue);
   DropPending();
 }
 
