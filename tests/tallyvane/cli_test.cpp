@@ -72,6 +72,14 @@ TEST(TheDefaultRun, ChecksInVainThenReadsTheBoardUntilStopped) {
 const std::string kClosing = "Exiting firmware-updater ...";
 const std::string kGivenUp = "[ERROR] -- The board reported an update error; giving up the update";
 const std::string kNoProgress = "[ERROR] -- No progress for ";
+// The summary console (QUORVEX_CONSOLE=summary) starts with the target, and whatever the board does, its
+// whole update fits a screen.
+const std::string kTarget = "Target: the counter-link board (tallyvane), frames from [";
+const std::string kDone =
+    "Progress of tallyvane: 100% (65000/65000 bytes)\n"
+    "Result: the target acknowledged the whole image; update done\n";
+const std::string kDropped = " bytes from the board's data device (";
+constexpr std::size_t kSummaryLines = 30;
 struct BoardRun {
   std::string name;
   std::vector<std::string> simFaults;
@@ -81,6 +89,8 @@ struct BoardRun {
   std::chrono::seconds within{15};
   std::string stallSeconds = "300";
   bool boardPresent = true;
+  const char* console = nullptr;       // QUORVEX_CONSOLE, when set
+  std::vector<std::string> also = {};  // printed too, on either stream
 };
 
 class AConcurrentBoardUpdate : public testing::TestWithParam<BoardRun> {};
@@ -105,12 +115,22 @@ TEST_P(AConcurrentBoardUpdate, EndsAsTheBoardAllows) {
   ProcessOptions options;
   options.env = Environment(dir);
   options.env.insert(options.env.end(), {{"QUORVEX_TALLYVANE_READER", "concurrent"},
-                                         {"QUORVEX_STALL_SECONDS", run.stallSeconds}});
+                                         {"QUORVEX_STALL_SECONDS", run.stallSeconds},
+                                         {"QUORVEX_CONSOLE", run.console ? run.console : ""}});
   options.timeout = 60s;
   const auto result = RunProcess(UpdaterBinary(), {"tallyvane"}, options);
   SCOPED_TRACE(result.out.substr(result.out.size() - std::min<std::size_t>(result.out.size(), 2000)));
   EXPECT_EQ(result.exitStatus, delivered || !run.boardPresent ? 0 : 255);
   EXPECT_THAT(result.out, HasSubstr(run.line));
+  for (const auto& text : run.also) EXPECT_THAT(result.out + result.err, HasSubstr(text));
+  // The designed console starts with the machine's trace and the request for update information, the summary
+  // with the target.
+  EXPECT_THAT(result.out,
+              testing::StartsWith(run.console ? kTarget + dir / "uplink]\n"
+                                              : "Entered: UpdateInit\n ** Sending message pkt # [0]\n"));
+  if (run.console) {
+    EXPECT_LE(CountOf(result.out + result.err, "\n"), kSummaryLines);
+  }
   EXPECT_LT(result.elapsed, run.within);
   EXPECT_EQ(ReadFile(dir / "received.bin") == image, delivered);
   EXPECT_EQ(ReadFile(dir / "version"), delivered ? "9\n" : run.boardPresent ? "3\n" : "");
@@ -129,6 +149,31 @@ const BoardRun kRuns[] = {
     {"BoardRefusesTheAnnouncedImage", {"--max-image-bytes", "1000"}, kGivenUp},
     {"BoardForgetsTheUpdateMidTransfer", {"--error-after", "50"}, kGivenUp},
     {"BoardNeverAnswers", {}, kRefusal, /*within=*/13s, /*stallSeconds=*/"300", /*boardPresent=*/false},
+    {"CleanInSummary",
+     {},
+     kClosing,
+     15s,
+     "300",
+     true,
+     "summary",
+     {"Decision: board version 3, package version 9 [", "; update needed\n", kDone}},
+    // Garbage and a corrupt report: their bytes counted, not dumped; the red line of the report kept.
+    {"NoisyLinkInSummary",
+     {"--garbage-before", "5", "--corrupt-frame", "50"},
+     kClosing,
+     15s,
+     "300",
+     true,
+     "summary",
+     {"Dropped ", kDropped, "[ERROR] -- Failed to Unpack ReceivedFirmwareBlock [", kDone}},
+    {"RefusedInSummary",
+     {"--max-image-bytes", "1000"},
+     kGivenUp,
+     15s,
+     "300",
+     true,
+     "summary",
+     {"Exit status 255: the update failed"}},
 };
 INSTANTIATE_TEST_SUITE_P(Runs, AConcurrentBoardUpdate, testing::ValuesIn(kRuns), RowName<BoardRun>);
 
