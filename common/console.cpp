@@ -85,13 +85,13 @@ std::string Progress::Text(std::int64_t done, std::int64_t total, std::int64_t p
 
 DropCounter::DropCounter(std::string subject, Clock& clock, std::ostream& os,
                          std::chrono::nanoseconds interval)
-    : subject_(std::move(subject)), clock_(clock), os_(os), interval_(interval) {}
+    : subject_(std::move(subject)), clock_(clock), os_(os), gap_(interval) {}
 
 void DropCounter::Add(std::uint64_t bytes) {
   const std::lock_guard<std::mutex> lock(mutex_);
   pending_ += bytes;
   total_ += bytes;
-  if (!lastLine_ || clock_.Monotonic() - *lastLine_ >= interval_) PrintLocked();
+  if (pending_ > 0 && (!lastLine_ || clock_.Monotonic() - *lastLine_ >= gap_)) PrintLocked();
 }
 
 void DropCounter::Flush() {
@@ -105,6 +105,8 @@ std::uint64_t DropCounter::Total() const {
 }
 
 void DropCounter::PrintLocked() {
+  // Capped, so that a reader that runs for days still says something hourly.
+  if (lastLine_) gap_ = std::min<std::chrono::nanoseconds>(2 * gap_, std::chrono::hours(1));
   lastLine_ = clock_.Monotonic();
   const std::string line = "Dropped " + std::to_string(pending_) + " bytes from " + subject_ + " (" +
                            std::to_string(total_) + " in all)\n";

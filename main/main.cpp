@@ -45,6 +45,9 @@ int main(int argc, char** argv) {
       delete helper;  // before the machine goes
     }
   } else if (target == "tallyvane") {
+    // The designed console names no target for the board; a summary does.
+    Updater::Console::Milestone("Target: the counter-link board (tallyvane), frames from [" +
+                                lc::DataDevicePath() + "]");
     Updater::Record::Start(target, "");
     const bool concurrent = Updater::Helpers::Tallyvane::ConcurrentFromEnvironment();
     auto* helper = new Updater::Helpers::Tallyvane(lc::DataDevicePath(), Updater::SystemClock(), concurrent);

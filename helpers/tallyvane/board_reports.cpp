@@ -32,12 +32,16 @@ void BoardReports::OnUpdateInfo(std::uint16_t partialVersion, std::uint32_t down
   // Last, so that whoever sees the flag also sees the values.
   haveUpdateInfo = 1;
   Changed();
+  // The board's answer in full is for the designed console; a summary's
+  // decision line names the versions that decide.
+  if (!Console::Detail()) return;
   Log::Debug(Colour::Green, "Processed ACK for setUpdateInfo\n", "\tpartialDlVer: [", partialDlVer.load(),
              "]\n", "\t# DL blocks: [", downloadedBlocks.load(), "]\n", "\tflash Sector: [",
              flashSector.load(), "]");
 }
 
 void BoardReports::PrintProgress(int lastReceivedPos) const {
+  if (!Console::Detail()) return;  // a summary has a progress line of the update thread's
   std::cout << "Processing ACK for firmware block, last byte: [" << lastReceivedPos << "], "
             << "next byte: [" << nextBlock.load() << "]" << '\n';
 }
@@ -103,8 +107,9 @@ void BoardReports::OnUpdateComplete() {
   }
   blockReportReceived = 1;
   updateCompleted = 1;
-  std::cout << Kept::kLastAckedBlock << lastAckedBlock.load() << Kept::kLastSentBlockUnclosed
-            << lastSentBlock.load() << ", setting them equal." << '\n';
+  if (Console::Detail())
+    std::cout << Kept::kLastAckedBlock << lastAckedBlock.load() << Kept::kLastSentBlockUnclosed
+              << lastSentBlock.load() << ", setting them equal." << '\n';
   nextBlock = -1;
   const int sent = lastSentBlock;
   if (sent == -1) firstBlock = -1;
@@ -117,7 +122,8 @@ void BoardReports::OnUpdateComplete() {
   send_.SendPacket(apply);
   applySequence = static_cast<int>(apply.SequenceNumber() & 0xFF);
   Changed();
-  Log::Debug(Colour::Green, "Tell UI, or whoever, that the update has completed!");
+  // In a summary the machine's result says so, after the progress line is ended.
+  if (Console::Detail()) Log::Debug(Colour::Green, "Tell UI, or whoever, that the update has completed!");
 }
 
 void BoardReports::OnUpdateError() {

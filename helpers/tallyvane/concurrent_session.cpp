@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "common/chunk_size.hpp"
+#include "common/console.hpp"
 #include "common/log.hpp"
 #include "helpers/tallyvane/board_reports.hpp"
 #include "helpers/tallyvane/kept_texts.hpp"
@@ -155,7 +156,8 @@ int ConcurrentSession::SendFirmwareBlock(int position) {
     stall_.GivenUp(position);
     return notSent();
   }
-  std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
+  if (Console::Detail())
+    std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
   image_.clear();  // the last chunk read up to the end of the file
   auto chunk = Image::ReadChunk(image_, imageSize_, position, packetSize);
   if (!chunk) return notSent();
@@ -170,7 +172,7 @@ bool ConcurrentSession::SendCounted(VYRCam::FirmwareBlock& block, int position, 
   // report is compared with. Set, and the clock started, before the chunk
   // leaves: the report may come back before SendPacket() returns.
   const int lastByte = position + static_cast<int>(bytes) - 1;
-  std::cout << "Setting last sent byte to [" << lastByte << "]" << '\n';
+  if (Console::Detail()) std::cout << "Setting last sent byte to [" << lastByte << "]" << '\n';
   board_.Await(lastByte);
   if (timeNext_) timer_.Sent(clock_.Monotonic());
   return send_.SendPacket(block);
@@ -224,23 +226,28 @@ int ConcurrentSession::Reported() {
     stall_.Idle();
   }
   progress_.Report(acked_.Covered(), imageSize_);
+  ReportProgress(acked_.Covered());
   if (acked_.Whole() && (nextPosition_ == -1 || board_.updateCompleted)) return Completed();
   if (board_.updateCompleted && nextPosition_ != -1) return Refused();
   return Acked();
 }
 
 int ConcurrentSession::Acked() {
-  std::cout << "Tallyvane ACK status: " << kAcked << '\n';
   const int grown = ChunkSize::AfterDelivery(packetSize);
-  if (grown != packetSize) std::cout << "Bumping packet size to [" << grown << "]" << '\n';
+  if (Console::Detail()) {
+    std::cout << "Tallyvane ACK status: " << kAcked << '\n';
+    if (grown != packetSize) std::cout << "Bumping packet size to [" << grown << "]" << '\n';
+  }
   packetSize = grown;
   return kAcked;
 }
 
 int ConcurrentSession::Lost() {
-  std::cout << "Last Acked: [" << board_.lastAckedBlock.load() << "], last sent: ["
-            << board_.lastSentBlock.load() << "]" << '\n';
-  std::cout << Kept::kNoBlockAck << '\n';
+  if (Console::Detail()) {
+    std::cout << "Last Acked: [" << board_.lastAckedBlock.load() << "], last sent: ["
+              << board_.lastSentBlock.load() << "]" << '\n';
+    std::cout << Kept::kNoBlockAck << '\n';
+  }
   if (send_.PendingCount() == 0) {
     // Acknowledged but not reported: the link works and the report was
     // lost, or the board has forgotten the update. One such chunk is a
@@ -254,8 +261,10 @@ int ConcurrentSession::Lost() {
   timeNext_ = false;
   send_.ClearPending();  // the chunk goes again, as a new packet
   packetSize = ChunkSize::AfterLoss(packetSize);
-  std::cout << "Tallyvane ACK status: " << kResend << '\n';
-  std::cout << "Halving packet size to [" << packetSize << "]" << '\n';
+  if (Console::Detail()) {
+    std::cout << "Tallyvane ACK status: " << kResend << '\n';
+    std::cout << "Halving packet size to [" << packetSize << "]" << '\n';
+  }
   return kResend;
 }
 
@@ -270,7 +279,8 @@ int ConcurrentSession::Completed() {
   // waited for a while, but the update is complete either way.
   AwaitLink(kApplyWaitTimeouts * timer_.Timeout(), [this] { return send_.PendingCount() == 0; });
   progress_.Report(imageSize_, imageSize_);
-  std::cout << "Tallyvane ACK status: " << kLastBlockAcked << '\n';
+  ReportProgress(imageSize_);
+  if (Console::Detail()) std::cout << "Tallyvane ACK status: " << kLastBlockAcked << '\n';
   return kLastBlockAcked;
 }
 
@@ -280,7 +290,7 @@ int ConcurrentSession::Refused() {
   Log::Error("The board reported completion after ", std::to_string(acked_.Covered()), " of ",
              std::to_string(acked_.Size()), " bytes; not applying");
   givenUp_ = true;
-  std::cout << "Tallyvane ACK status: " << kGivenUp << '\n';
+  if (Console::Detail()) std::cout << "Tallyvane ACK status: " << kGivenUp << '\n';
   return kGivenUp;
 }
 
@@ -288,7 +298,7 @@ int ConcurrentSession::GiveUp() {
   // The board has forgotten the update; no next position ends it.
   Log::Error("The board reported an update error; giving up the update");
   givenUp_ = true;
-  std::cout << "Tallyvane ACK status: " << kGivenUp << '\n';
+  if (Console::Detail()) std::cout << "Tallyvane ACK status: " << kGivenUp << '\n';
   return kGivenUp;
 }
 

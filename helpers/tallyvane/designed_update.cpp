@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "common/console.hpp"
 #include "common/log.hpp"
 #include "common/record.hpp"
 #include "helpers/tallyvane/board_reports.hpp"
@@ -73,7 +74,8 @@ int DesignedUpdate::SendFirmwareBlock(int position) {
   Image::File image;
   if (image.Open(firmwarePath) != Image::Opened::Yes) return 0;
   const std::streamoff length = Image::Length(image);
-  std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
+  if (Console::Detail())
+    std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
 
   const auto chunk = Image::ReadChunk(image, length, position, packetSize);
   if (!chunk) return 0;
@@ -86,7 +88,7 @@ bool DesignedUpdate::SendCounted(VYRCam::FirmwareBlock& block, int /*position*/,
     // A count of blocks, compared later with the board's byte positions;
     // AwaitBlockAck() copes with the two drifting apart.
     const int counter = ++sentBlockCounter;
-    std::cout << "Setting last sent byte to [" << counter << "]" << '\n';
+    if (Console::Detail()) std::cout << "Setting last sent byte to [" << counter << "]" << '\n';
     board_.lastSentBlock = counter;
   }
   return sent;
@@ -109,14 +111,16 @@ int DesignedUpdate::AwaitBlockAck() {
     const int sent = board_.lastSentBlock;
     if (acked == sent) return kAcked;
     if (acked > sent) {
-      std::cout << "************************************* Debug: Possible missed ACK?" << '\n';
+      if (Console::Detail())
+        std::cout << "************************************* Debug: Possible missed ACK?" << '\n';
       board_.lastSentBlock = acked;
     }
-    std::cout << "Last Acked: [" << board_.lastAckedBlock.load() << "], last sent: ["
-              << board_.lastSentBlock.load() << "]" << '\n';
+    if (Console::Detail())
+      std::cout << "Last Acked: [" << board_.lastAckedBlock.load() << "], last sent: ["
+                << board_.lastSentBlock.load() << "]" << '\n';
     clock_.Sleep(kAckRetryPause);
   }
-  std::cout << Kept::kNoBlockAck << '\n';
+  if (Console::Detail()) std::cout << Kept::kNoBlockAck << '\n';
   return kResend;
 }
 
@@ -126,6 +130,7 @@ int DesignedUpdate::WaitForAck() {
     status = AwaitBlockAck();
     if (status == kAcked) break;
   }
+  if (status == kAcked) ReportProgress(board_.lastReceived + 1);
   return AfterAckWait(status);
 }
 

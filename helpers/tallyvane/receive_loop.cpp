@@ -14,6 +14,7 @@
 #include <iostream>
 
 #include "common/board_record.hpp"
+#include "common/console.hpp"
 #include "common/log.hpp"
 #include "common/notify.hpp"
 #include "common/record.hpp"
@@ -84,7 +85,8 @@ ReceiveLoop::ReceiveLoop(std::string devicePath, Clock& clock, FrameHandler& han
     : devicePath_(std::move(devicePath)),
       clock_(clock),
       handler_(handler),
-      stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+      stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      drops_("the board's data device", clock, std::cerr) {}
 
 ReceiveLoop::~ReceiveLoop() {
   if (stopFd_ >= 0) close(stopFd_);
@@ -100,6 +102,7 @@ int ReceiveLoop::RunReader() {
     if (deviceFd < 0) OpenDevice();
     Turn turn = Turn::kPollAgain;
     while (turn == Turn::kPollAgain) turn = PollOnce();
+    if (turn == Turn::kEnded || !readerRunning) drops_.Flush();
     if (turn == Turn::kEnded) return closeResult_;
     if (!readerRunning) return CloseDevice();
   }
@@ -159,6 +162,10 @@ ReceiveLoop::Turn ReceiveLoop::PollOnce() {
 }
 
 void ReceiveLoop::ReportSilence() {
+  if (!Console::Detail()) {
+    drops_.Add(0);  // a count left over from the last noise waits no longer than its gap
+    return;
+  }
   const auto now = clock_.Now();
   if (now - lastOuch_ <= kOuchInterval) return;
   lastOuch_ = now;
@@ -212,7 +219,11 @@ void ReceiveLoop::ProcessReceived() {
   const std::size_t size = rxBuffer.size();
   if (size < 3) return;
   if (!SyncAt(rxBuffer, 0)) {
-    std::cout << kGulp << '\n';
+    if (Console::Detail()) {
+      std::cout << kGulp << '\n';
+    } else {
+      drops_.Add(size);
+    }
     return;
   }
 
@@ -221,14 +232,18 @@ void ReceiveLoop::ProcessReceived() {
   while (size - at >= 3) {
     int length = 0;
     if (Dispatch(at, length) != 0) {
-      if (cells.empty()) cells = HexCells(rxBuffer.data(), size);
+      if (cells.empty() && Console::Detail()) cells = HexCells(rxBuffer.data(), size);
       at = Resynchronise(at, cells);
       continue;
     }
     at += std::min(size - at, 2 + static_cast<std::size_t>(length));
     if (size - at < 3) break;
     if (!SyncAt(rxBuffer, at)) {
-      std::cout << kGulp << '\n';
+      if (Console::Detail()) {
+        std::cout << kGulp << '\n';
+      } else {
+        drops_.Add(size - at);
+      }
       break;
     }
   }
@@ -237,13 +252,18 @@ void ReceiveLoop::ProcessReceived() {
 
 // A packet without sync bytes in front is not a frame, however well it would
 // unpack. Every byte given up is shown, so a noisy link is easy to spot.
-std::size_t ReceiveLoop::Resynchronise(std::size_t at, const std::string& cells) const {
+std::size_t ReceiveLoop::Resynchronise(std::size_t at, const std::string& cells) {
   const std::size_t size = rxBuffer.size();
+  const std::size_t from = at;
+  const bool shown = Console::Detail();
   do {
-    WriteDump(cells.data() + 3 * at, 3 * (size - at));
-    std::cout << "CHOKE" << '\n';
+    if (shown) {
+      WriteDump(cells.data() + 3 * at, 3 * (size - at));
+      std::cout << "CHOKE" << '\n';
+    }
     ++at;
   } while (at < size && !SyncAt(rxBuffer, at));
+  if (!shown) drops_.Add(at - from);
   return at;
 }
 

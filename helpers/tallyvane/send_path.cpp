@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "common/board_record.hpp"
+#include "common/console.hpp"
 #include "common/log.hpp"
 #include "common/record.hpp"
 #include "helpers/tallyvane/kept_texts.hpp"
@@ -31,7 +32,7 @@ bool SendPath::SendPacket(VYRCam::Packet& packet) {
   std::vector<std::uint8_t> bytes(static_cast<std::size_t>(packet.Length()));
   packet.SequenceNumber(nextSequence.fetch_add(1));
   packet.Pack(bytes.data());
-  std::cout << " ** Sending message pkt # [" << packet.SequenceNumber() << "]" << '\n';
+  if (Console::Detail()) std::cout << " ** Sending message pkt # [" << packet.SequenceNumber() << "]" << '\n';
   const auto sequence = static_cast<std::uint8_t>(packet.SequenceNumber());
 
   if (!packet.NeedsAck()) return Transmit(bytes);
@@ -64,7 +65,7 @@ bool SendPath::RemovePending(std::uint8_t sequence) {
 }
 
 void SendPath::ClearPending() {
-  Log::Debug(Colour::Cyan, Kept::kClearingQueue);
+  if (Console::Detail()) Log::Debug(Colour::Cyan, Kept::kClearingQueue);
   DropPending();
 }
 

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "common/console.hpp"
 #include "helpers/tallyvane/concurrent_session.hpp"
 #include "helpers/tallyvane/designed_update.hpp"
 #include "helpers/tallyvane/kept_texts.hpp"
@@ -48,7 +49,7 @@ int Tallyvane::GetFirstUpdateBlock() { return mode_->GetFirstUpdateBlock(); }
 int Tallyvane::SendFirmwareBlock(int position) { return mode_->SendFirmwareBlock(position); }
 
 int Tallyvane::WaitForAck(unsigned /*block*/) {
-  std::cout << Kept::kWaitingForAck << '\n';
+  if (Console::Detail()) std::cout << Kept::kWaitingForAck << '\n';
   return mode_->WaitForAck();
 }
 

@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "common/console.hpp"
 #include "common/log.hpp"
 #include "common/record.hpp"
 #include "helpers/tallyvane/board_reports.hpp"
@@ -22,16 +23,28 @@ std::uint16_t AddBytes(std::uint16_t sum, const char* data, std::size_t length) 
   return sum;
 }
 
+// The summary's decision: both versions, and what they mean.
+std::string DecisionText(int running, int package, const std::string& path) {
+  if (path.empty()) return "Decision: no firmware package for the board; no update";
+  return "Decision: board version " + std::to_string(running) + ", package version " +
+         std::to_string(package) + " [" + path + "]" +
+         (package > running ? "; update needed" : ", not newer; no update");
+}
+
 // The 16-bit byte sum subtracted from 256, with its console lines.
 std::uint16_t ReportChecksum(std::size_t length, std::uint16_t sum) {
   Log::Debug(Colour::Green, "File length of [", length, "]");
-  Log::Debug(Colour::Green, "[", Kept::kChecksumTagFunction, "::", Kept::kChecksumTagLine, "]  ");
+  if (Console::Detail())
+    Log::Debug(Colour::Green, "[", Kept::kChecksumTagFunction, "::", Kept::kChecksumTagLine, "]  ");
   return static_cast<std::uint16_t>(256 - sum);
 }
 }  // namespace
 
 UpdateMode::UpdateMode(SendPath& send, BoardReports& board, Clock& clock)
-    : send_(send), board_(board), clock_(clock) {}
+    : send_(send),
+      board_(board),
+      clock_(clock),
+      progressLine_(Console::StandardProgress("tallyvane", clock)) {}
 
 bool UpdateMode::HaveUpdateFile() {
   if (!firmwarePath.empty()) return true;
@@ -47,6 +60,7 @@ bool UpdateMode::ReadPackage(Image::File& image) {
   firmwarePath = package.second;
   const int running = lc::QelArmControl::TallyvaneFirmwareVer();
   if (auto* recorder = Record::Active()) recorder->Exchange(Json::Object().Add("board_version", running));
+  if (!Console::Detail()) Console::Milestone(DecisionText(running, packageVersion, firmwarePath));
   if (packageVersion <= running) return false;
 
   if (image.Open(firmwarePath) != Image::Opened::Yes) return false;
@@ -82,27 +96,28 @@ void UpdateMode::Announce() {
 
 bool UpdateMode::SendBlock(int position, const std::vector<std::uint8_t>& data) {
   VYRCam::FirmwareBlock block(position, data);
-  std::cout << "** Sending bytes from [" << block.BlockNum() << "] to [" << block.BlockNum() + data.size() - 1
-            << "]" << '\n';
+  if (Console::Detail())
+    std::cout << "** Sending bytes from [" << block.BlockNum() << "] to ["
+              << block.BlockNum() + data.size() - 1 << "]" << '\n';
   board_.blockReportReceived = 0;
-  std::cout << Kept::kSendingBytesLiteral << data.size() - 1 << "]" << '\n';
+  if (Console::Detail()) std::cout << Kept::kSendingBytesLiteral << data.size() - 1 << "]" << '\n';
   return SendCounted(block, position, data.size());
 }
 
 int UpdateMode::AfterAckWait(int status) {
-  std::cout << "Tallyvane ACK status: " << status << '\n';
+  if (Console::Detail()) std::cout << "Tallyvane ACK status: " << status << '\n';
 
   if (status == kAcked) {
     if (packetSize < kMaxPacketSize) {
       packetSize *= 2;
-      std::cout << "Bumping packet size to [" << packetSize << "]" << '\n';
+      if (Console::Detail()) std::cout << "Bumping packet size to [" << packetSize << "]" << '\n';
     }
     return kAcked;
   }
   // Start over small: whatever was queued belongs to the chunk being resent.
   send_.ClearPending();
   packetSize = 1;
-  std::cout << "********************* Dropping packet size to [" << 1 << "]" << '\n';
+  if (Console::Detail()) std::cout << "********************* Dropping packet size to [" << 1 << "]" << '\n';
   std::cerr << "Caught ACK timeout! Still waiting..." << '\n';
   return kResend;
 }

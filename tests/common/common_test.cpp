@@ -108,7 +108,8 @@ TEST_P(AProgressLine, IsPrintedAsOftenAsItsConsoleTakes) {
 INSTANTIATE_TEST_SUITE_P(Consoles, AProgressLine, ::testing::ValuesIn(kProgressRows), RowName<ProgressRow>);
 
 // Counted all along; a line at the first drop, then at most one a second, and what is left at the end.
-TEST(DroppedBytes, AreReportedAtMostOnceASecond) {
+// The first count at once, then after 1 s, 2 s, 4 s ...: a noisy link costs a line per doubling of the run.
+TEST(DroppedBytes, AreReportedAtOnceThenAtGapsThatDouble) {
   FakeClock clock;
   std::ostringstream out;
   Console::DropCounter drops("the link", clock, out);
@@ -117,12 +118,22 @@ TEST(DroppedBytes, AreReportedAtMostOnceASecond) {
   drops.Add(7);
   clock.Advance(1ms);
   drops.Add(1);
-  drops.Flush();
+  clock.Advance(1999ms);
   drops.Add(2);
+  clock.Advance(1ms);
+  drops.Add(1);
+  drops.Add(4);
+  clock.Advance(4s);
+  drops.Add(0);  // shows what waited for its gap
+  clock.Advance(10s);
+  drops.Add(0);  // nothing new: no line
+  drops.Add(3);
+  drops.Add(6);
   drops.Flush();
   EXPECT_EQ(out.str(),
             "Dropped 5 bytes from the link (5 in all)\nDropped 8 bytes from the link (13 in all)\n"
-            "Dropped 2 bytes from the link (15 in all)\n");
+            "Dropped 3 bytes from the link (16 in all)\nDropped 4 bytes from the link (20 in all)\n"
+            "Dropped 3 bytes from the link (23 in all)\nDropped 6 bytes from the link (29 in all)\n");
 }
 
 }  // namespace

@@ -72,15 +72,21 @@ class Progress {
 Progress StandardProgress(std::string subject, Clock& clock);
 
 // Bytes a receive path threw away, for summary mode: instead of a line per
-// read or per byte, at most one line per `interval`, "Dropped <n> bytes
-// from <subject> (<total> in all)" on standard error. Any thread: the
-// receive thread adds, the update thread may Flush() at the end. The caller
-// counts instead of printing only in summary mode (!Detail()).
+// read or per byte, "Dropped <n> bytes from <subject> (<total> in all)" on
+// standard error, the first at once, the next after `interval`, and every
+// gap after that twice the one before (1, 2, 4, ... s, up to an hour). A link that stays
+// noisy for a whole update so costs a line per doubling of the update's
+// length (five for ten seconds, ten for five minutes) instead of one a
+// second, and a summary stays within a screen. Any thread: the receive
+// thread adds, and may Flush() at the end. The caller counts instead of
+// printing only in summary mode (!Detail()).
 class DropCounter {
  public:
   DropCounter(std::string subject, Clock& clock, std::ostream& os,
               std::chrono::nanoseconds interval = std::chrono::seconds(1));
-  // Counts `bytes`, and prints the count if the last line is `interval` old.
+  // Counts `bytes`, and prints what is counted and not yet shown once the
+  // last line is the current gap old. Add(0) shows nothing new; it only lets
+  // a count wait no longer than its gap when no more bytes come.
   void Add(std::uint64_t bytes);
   // Prints what was counted since the last line, if anything.
   void Flush();
@@ -92,7 +98,7 @@ class DropCounter {
   std::string subject_;
   Clock& clock_;
   std::ostream& os_;
-  std::chrono::nanoseconds interval_;
+  std::chrono::nanoseconds gap_;  // doubles after every line
   mutable std::mutex mutex_;
   std::optional<Clock::steady_point> lastLine_;
   std::uint64_t pending_ = 0, total_ = 0;

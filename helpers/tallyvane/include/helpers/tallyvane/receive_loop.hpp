@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "common/clock.hpp"
+#include "common/console.hpp"
 
 namespace VYRCam {
 class DatalinkPacketAck;
@@ -99,8 +100,9 @@ class ReceiveLoop {
   // the board passes here once, in order: the place to watch them all.
   int Dispatch(std::size_t at, int& length);
   // Gives up the bytes from `at` one at a time, each shown with the rest of
-  // the read, up to the next sync bytes; returns where they are.
-  std::size_t Resynchronise(std::size_t at, const std::string& cells) const;
+  // the read (in summary mode counted instead), up to the next sync bytes;
+  // returns where they are.
+  std::size_t Resynchronise(std::size_t at, const std::string& cells);
 
   const std::string devicePath_;
   Clock& clock_;
@@ -122,6 +124,10 @@ class ReceiveLoop {
   std::chrono::milliseconds pause_{0};
   Clock::time_point lastOuch_;
   int closeResult_ = 0;
+  // In summary mode, the bytes the parser gives up instead of "GULP",
+  // "CHOKE" and the dumps. Shown when the loop ends, and meanwhile as the
+  // counter allows.
+  Console::DropCounter drops_;
 };
 
 }  // namespace Updater::Helpers

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/clock.hpp"
+#include "common/console.hpp"
 #include "common/image_file.hpp"
 
 namespace VYRCam {
@@ -63,6 +64,8 @@ class UpdateMode {
   void Announce();
   // Prints the status and grows or drops the packet size by it.
   int AfterAckWait(int status);
+  // `done` bytes of the announced image acknowledged: the summary's progress line.
+  void ReportProgress(std::int64_t done) { progressLine_.Report(done, imageSize_); }
 
   SendPath& send_;
   BoardReports& board_;
@@ -72,6 +75,9 @@ class UpdateMode {
   std::string firmwarePath;
   std::uint16_t checksum_ = 0;
   std::int64_t imageSize_ = 0;
+
+ private:
+  Console::Progress progressLine_;
 };
 
 }  // namespace Updater::Helpers
