@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 
@@ -79,18 +80,46 @@ Opened File::Open(const std::string& path) {
 }
 
 // Reads at the buffer's own file position (pread), so that a seek costs no
-// system call: a chunk costs one fstat() for the file's length and one read.
+// system call.
 File::Buffer::int_type File::Buffer::underflow() {
   if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
   if (fd < 0) return traits_type::eof();
-  ssize_t got;
-  do {
-    got = ::pread(fd, bytes_, sizeof bytes_, next_);
-  } while (got < 0 && errno == EINTR);
+  const ssize_t got = ReadAt(bytes_, sizeof bytes_);
   if (got <= 0) return traits_type::eof();
-  next_ += got;
   setg(bytes_, bytes_, bytes_ + got);
   return traits_type::to_int_type(*gptr());
+}
+
+ssize_t File::Buffer::ReadAt(char* to, std::size_t count) {
+  ssize_t got;
+  do {
+    got = ::pread(fd, to, count, next_);
+  } while (got < 0 && errno == EINTR);
+  if (got > 0) next_ += got;
+  return got;
+}
+
+// Small reads come out of the buffer, so that the chunks of one buffer's
+// worth of image cost one system call between them; a read of a whole
+// buffer or more (the checksum's pieces) goes straight to `to`.
+std::streamsize File::Buffer::xsgetn(char* to, std::streamsize count) {
+  std::streamsize done = 0;
+  while (done < count) {
+    if (gptr() == egptr()) {
+      if (count - done >= static_cast<std::streamsize>(sizeof bytes_)) {
+        const ssize_t got = fd < 0 ? -1 : ReadAt(to + done, static_cast<std::size_t>(count - done));
+        if (got <= 0) break;
+        done += got;
+        continue;
+      }
+      if (traits_type::eq_int_type(underflow(), traits_type::eof())) break;
+    }
+    const std::streamsize n = std::min<std::streamsize>(count - done, egptr() - gptr());
+    std::copy_n(gptr(), n, to + done);
+    gbump(static_cast<int>(n));
+    done += n;
+  }
+  return done;
 }
 
 File::Buffer::pos_type File::Buffer::seekoff(off_type offset, std::ios_base::seekdir from,
@@ -105,9 +134,14 @@ File::Buffer::pos_type File::Buffer::seekoff(off_type offset, std::ios_base::see
   }
   const off_t at = base + static_cast<off_t>(offset);
   if (at < 0) return pos_type(off_type(-1));
-  // Every chunk is read afresh from the file, even one that was buffered.
-  setg(bytes_, bytes_, bytes_);
-  next_ = at;
+  const off_t buffered = next_ - (egptr() - eback());  // the file position of the buffer's first byte
+  if (at >= buffered && at <= next_) {
+    // A chunk of what was read last needs no read: the descriptor is this run's own.
+    setg(eback(), eback() + (at - buffered), egptr());
+  } else {
+    setg(bytes_, bytes_, bytes_);
+    next_ = at;
+  }
   return pos_type(static_cast<off_type>(at));
 }
 

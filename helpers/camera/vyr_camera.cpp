@@ -172,9 +172,10 @@ int VyrCamera::SendFirmwareBlock(int block) {
   }
 
   // Read through the descriptor the update check opened: a package manager
-  // replacing the file meanwhile must not mix two images in the camera.
+  // replacing the file meanwhile must not mix two images in the camera. The
+  // length is the one camd was told, which that descriptor's file still has.
   if (!image_.is_open()) return false;
-  const std::int32_t size = ProtocolSize(static_cast<std::uint64_t>(Image::Length(image_)));
+  const auto size = static_cast<std::int32_t>(imageSize_);
 
   if (Console::Detail())
     std::cout << "This block: [" << block << "], blockSize: [" << blockSize << "]" << std::endl;

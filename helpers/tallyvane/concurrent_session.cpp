@@ -158,7 +158,6 @@ int ConcurrentSession::SendFirmwareBlock(int position) {
   }
   if (Console::Detail())
     std::cout << "This block: [" << position << "], blockSize: [" << packetSize << "]" << '\n';
-  image_.clear();  // the last chunk read up to the end of the file
   auto chunk = Image::ReadChunk(image_, imageSize_, position, packetSize);
   if (!chunk) return notSent();
   sentPosition_ = position;

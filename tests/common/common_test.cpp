@@ -1,14 +1,16 @@
 // What both targets share: the stall limit as the environment sets it, the service manager's status
-// lines, and the console's progress line and dropped-byte count.
+// lines, the console's progress line and dropped-byte count, and the image's chunks.
 #include <gmock/gmock.h>
 
 #include <sstream>
 
 #include "common/console.hpp"
+#include "common/image_file.hpp"
 #include "common/notify.hpp"
 #include "common/stall_limit.hpp"
 #include "fake_clock.hpp"
 #include "notify_socket.hpp"
+#include "temp_dir.hpp"
 #include "text.hpp"
 
 namespace Updater::Testing {
@@ -134,6 +136,38 @@ TEST(DroppedBytes, AreReportedAtOnceThenAtGapsThatDouble) {
             "Dropped 5 bytes from the link (5 in all)\nDropped 8 bytes from the link (13 in all)\n"
             "Dropped 3 bytes from the link (16 in all)\nDropped 4 bytes from the link (20 in all)\n"
             "Dropped 3 bytes from the link (23 in all)\nDropped 6 bytes from the link (29 in all)\n");
+}
+
+// Reads are served from what was read before where they can be; every chunk still has the
+// file's bytes at its position, wherever the chunk before it was.
+TEST(AnImageFile, GivesEachChunkTheBytesAtItsPositionWhereverTheLastOneWas) {
+  const TempDir dir;
+  const std::string bytes = RandomBytes(10000, 7);
+  Image::File image;
+  ASSERT_EQ(image.Open(dir.Write("image.bin", bytes)), Image::Opened::Yes);
+  struct Read {
+    const char* name;
+    int position, size;
+  };
+  const Read reads[] = {
+      {"the first", 0, 64},
+      {"within what was read", 64, 64},
+      {"the same again", 64, 64},
+      {"straddling the end of what was read", 4090, 64},
+      {"behind what was read", 100, 64},
+      {"far past it", 8000, 1000},
+      {"running past the end of the file", 9990, 64},
+      {"a whole buffer's worth", 0, 4096},
+      {"more than a buffer's worth, starting within what was read", 10, 9000},
+  };
+  for (const Read& read : reads) {
+    SCOPED_TRACE(read.name);
+    std::optional<std::vector<std::uint8_t>> chunk;
+    Capture(
+        [&] { chunk = Image::ReadChunk(image, static_cast<int>(bytes.size()), read.position, read.size); });
+    ASSERT_TRUE(chunk.has_value());
+    EXPECT_EQ(std::string(chunk->begin(), chunk->end()), bytes.substr(read.position, read.size));
+  }
 }
 
 }  // namespace

@@ -51,10 +51,14 @@ class File : public std::istream {
 
    protected:
     int_type underflow() override;
+    std::streamsize xsgetn(char* to, std::streamsize count) override;
     pos_type seekoff(off_type offset, std::ios_base::seekdir from, std::ios_base::openmode) override;
     pos_type seekpos(pos_type position, std::ios_base::openmode mode) override;
 
    private:
+    // Up to `count` bytes at the file position just past the buffer, which moves on by what was read.
+    ssize_t ReadAt(char* to, std::size_t count);
+
     char bytes_[4096];
     off_t next_ = 0;  // the file position just past what is buffered
   };
@@ -121,6 +125,7 @@ std::optional<std::vector<std::uint8_t>> ReadChunk(std::istream& image, Size siz
               << "]), this should be the last chunk!" << std::endl;
   }
   std::vector<std::uint8_t> chunk(static_cast<std::size_t>(chunkSize), 0);
+  image.clear();  // a chunk that ran past the end must not leave the next one empty
   image.seekg(position, std::ios::beg);
   image.read(reinterpret_cast<char*>(chunk.data()), chunkSize);
   const std::streamsize got = image.gcount();
