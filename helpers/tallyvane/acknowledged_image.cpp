@@ -35,4 +35,9 @@ std::int64_t AcknowledgedImage::FirstMissing() const {
   return ranges_.begin()->second;
 }
 
+bool AcknowledgedImage::Holds(std::int64_t position) const {
+  auto after = ranges_.upper_bound(position);
+  return after != ranges_.begin() && std::prev(after)->second > position;
+}
+
 }  // namespace Updater::Helpers

@@ -216,6 +216,13 @@ int ConcurrentSession::Reported() {
   const std::int64_t before = acked_.Covered();
   acked_.Add(sentPosition_, sentBytes_);
   nextPosition_ = board_.nextBlock;
+  // A board that asks for a byte past this chunk's end holds bytes between
+  // them whose report came too late or not at all (from a larger send of this
+  // chunk, say). They go again now, so that its reports cover them before it
+  // holds the whole image and completes.
+  const std::int64_t chunkEnd = std::int64_t{sentPosition_} + sentBytes_;
+  if (nextPosition_ > chunkEnd && chunkEnd < acked_.Size() && !acked_.Holds(chunkEnd))
+    nextPosition_ = static_cast<int>(chunkEnd);
   // A board that acknowledges without moving forward (an empty chunk, the
   // same bytes again) is answered ever more slowly, and after a few such
   // rounds the update is given up: it costs seconds, not the stall limit.
@@ -259,10 +266,13 @@ int ConcurrentSession::Lost() {
   }
   timeNext_ = false;
   send_.ClearPending();  // the chunk goes again, as a new packet
-  packetSize = ChunkSize::AfterLoss(packetSize);
-  if (Console::Detail()) {
-    std::cout << "Tallyvane ACK status: " << kResend << '\n';
-    std::cout << "Halving packet size to [" << packetSize << "]" << '\n';
+  if (Console::Detail()) std::cout << "Tallyvane ACK status: " << kResend << '\n';
+  // The image's last chunk goes again whole: a board that got it before its
+  // report was lost holds the whole image, and its completion then answers
+  // for every byte of that chunk, not for the first half alone.
+  if (std::int64_t{sentPosition_} + sentBytes_ < imageSize_) {
+    packetSize = ChunkSize::AfterLoss(packetSize);
+    if (Console::Detail()) std::cout << "Halving packet size to [" << packetSize << "]" << '\n';
   }
   return kResend;
 }

@@ -129,6 +129,19 @@ TEST_P(AnAcknowledgedImage, LacksFirstTheByteAfterTheRangeFromItsStart) {
 TEST_P(AnAcknowledgedImage, IsWholeWithItsLastByte) { EXPECT_EQ(image_.Whole(), GetParam().covered == 100); }
 INSTANTIATE_TEST_SUITE_P(Reports, AnAcknowledgedImage, testing::ValuesIn(kCoverages), RowName<Coverage>);
 
+// What is sent again after a late report: the first byte of each range is held, the byte at its end is not.
+TEST(AnAcknowledgedImageWithAGap, HoldsTheBytesOfItsRangesAndNoneBetweenThem) {
+  AcknowledgedImage image(100);
+  image.Add(10, 20);
+  image.Add(50, 10);
+  EXPECT_FALSE(image.Holds(9));
+  EXPECT_TRUE(image.Holds(10));
+  EXPECT_TRUE(image.Holds(29));
+  EXPECT_FALSE(image.Holds(30));
+  EXPECT_TRUE(image.Holds(50));
+  EXPECT_FALSE(image.Holds(60));
+}
+
 TEST(TheChunkSize, GrowsNoFurtherOnceAtSixtyFour) { EXPECT_EQ(Updater::ChunkSize::AfterDelivery(64), 64); }
 
 }  // namespace

@@ -34,6 +34,8 @@ class AcknowledgedImage {
   bool Whole() const { return covered_ == size_; }
   // Update thread. The first byte not acknowledged; Size() when none is.
   std::int64_t FirstMissing() const;
+  // Update thread. Whether the byte at `position` is acknowledged.
+  bool Holds(std::int64_t position) const;
 
  private:
   std::int64_t size_;
