@@ -319,6 +319,64 @@ TEST_F(AConcurrentUpdate, WaitsEverLongerForASilentBoardUntilTheStallLimit) {
   EXPECT_EQ(clock.Monotonic() - start, 2s);
 }
 
+// The board asked for the first chunk; every packet is acknowledged as soon as the helper waits, and the
+// board reports a chunk only when the test says so.
+class AConcurrentUpdateWithLostReports : public AConcurrentUpdate {
+ protected:
+  AConcurrentUpdateWithLostReports() {
+    Feed(Frame(ReceivedFirmwareBlock(-1, 0)));
+    clock.onSleep = [this] {
+      AckEverything();
+      if (report_) Feed(Frame(*report_));
+      report_.reset();
+    };
+  }
+  ~AConcurrentUpdateWithLostReports() override { clock.onSleep = nullptr; }
+  // Sends the chunk at `position` and waits for it; `report` is the board's answer, if any.
+  int SendAndWait(int position, std::optional<ReceivedFirmwareBlock> report = std::nullopt) {
+    report_ = std::move(report);
+    int status = -1;
+    Capture([&] {
+      if (helper.SendFirmwareBlock(position) == 1)
+        status = helper.WaitForAck(static_cast<unsigned>(position));
+    });
+    return status;
+  }
+  std::optional<ReceivedFirmwareBlock> report_;
+};
+
+// Its report came too late for the chunk, sent again at half the size: a board asking past that half holds
+// the bytes in between, unreported, and gets them again at once.
+TEST_F(AConcurrentUpdateWithLostReports, SendsAtOnceTheBytesTheBoardHoldsPastTheReportedChunk) {
+  ASSERT_EQ(SendAndWait(0), 1);  // bytes 0 to 63, not reported
+  ASSERT_EQ(SendAndWait(0, ReceivedFirmwareBlock(31, 64)), 0);
+  EXPECT_EQ(helper.GetNextFirmwareBlock(), 32);
+}
+
+TEST_F(AConcurrentUpdateWithLostReports, GoesWhereTheBoardAsksWhenItAsksForTheByteAfterTheChunk) {
+  ASSERT_EQ(SendAndWait(0), 1);
+  ASSERT_EQ(SendAndWait(0, ReceivedFirmwareBlock(31, 32)), 0);
+  EXPECT_EQ(helper.GetNextFirmwareBlock(), 32);
+}
+
+TEST_F(AConcurrentUpdateWithLostReports, GoesWhereTheBoardAsksPastBytesItReportedBefore) {
+  ASSERT_EQ(SendAndWait(64, ReceivedFirmwareBlock(127, 0)), 0);
+  ASSERT_EQ(SendAndWait(0, ReceivedFirmwareBlock(63, 128)), 0);
+  EXPECT_EQ(helper.GetNextFirmwareBlock(), 128);
+}
+
+// The image's last chunk (960 to 999) goes again whole when its report is lost; any other chunk at half the
+// size.
+TEST_F(AConcurrentUpdateWithLostReports, KeepsTheSizeOfTheLastChunkAfterALostReport) {
+  ASSERT_EQ(SendAndWait(960), 1);
+  EXPECT_EQ(helper.Mode().PacketSize(), 64);
+}
+
+TEST_F(AConcurrentUpdateWithLostReports, HalvesAChunkBeforeTheLastAfterALostReport) {
+  ASSERT_EQ(SendAndWait(896), 1);
+  EXPECT_EQ(helper.Mode().PacketSize(), 32);
+}
+
 // The helper against the board simulator (faults named as on its command line), which answers whenever the
 // helper waits, driven as the machine drives it. The board judges the image by announced length and byte sum.
 const char* const kOk = "VERDICT ok bytes=[0-9]+ checksum=[0-9a-f]{4} version=7";
