@@ -5,12 +5,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
-#include <stdexcept>
 #include <thread>
 
 #include "camera_model.hpp"
-#include "common/json_line.hpp"
 #include "dbus/camd_record.hpp"
 
 namespace CamdSim {
@@ -19,6 +16,7 @@ namespace {
 
 using Updater::Camd::MethodInfo;
 using Updater::Camd::Reply;
+using Updater::Record::Recording;
 
 constexpr const char* kMismatchError = "com.quorvex.common.Camd1.Error.ReplayMismatch";
 
@@ -26,31 +24,25 @@ std::string CallText(const std::string& method, const std::string& args) { retur
 
 }  // namespace
 
-Replay::Replay(const std::string& path, bool fast, Say say) : fast_(fast), say_(std::move(say)) {
-  std::ifstream in(path);
-  if (!in) throw std::runtime_error("cannot read the recording " + path);
-  int number = 0;
-  for (std::string text; std::getline(in, text);) {
-    ++number;
-    if (text.empty()) continue;
-    const auto line = Updater::Json::Parse(text);
-    if (!line) throw std::runtime_error(path + ":" + std::to_string(number) + ": not a recorded line");
-    if (number == 1 && line->String("target") == std::string("camera"))
-      camera_ = line->String("index").value_or("0");
-    if (line->Has("exit")) endLine_ = number;
-    const auto call = line->String(Updater::Camd::kCallKey);
-    if (!call) continue;  // the header, the exit status
-    Entry entry;
-    entry.line = number;
-    entry.call = CallText(*call, line->String(Updater::Camd::kArgsKey).value_or(""));
-    entry.intReply = line->Number(Updater::Camd::kReplyKey);
-    entry.boolReply = line->Flag(Updater::Camd::kReplyKey);
-    entry.error = line->String(Updater::Camd::kErrorKey).value_or("");
-    entry.message = line->String(Updater::Camd::kMessageKey).value_or("");
-    entry.took = std::max<std::int64_t>(0, line->Number(Updater::Camd::kTookKey).value_or(0));
-    entries_.push_back(std::move(entry));
-  }
-  if (endLine_ == 0) endLine_ = number + 1;
+Replay::Replay(const std::string& path, bool fast, Say say)
+    : fast_(fast),
+      say_(std::move(say)),
+      recording_(path, [this](int number, const Updater::Json::Object& line) { Read(number, line); }) {}
+
+void Replay::Read(int number, const Updater::Json::Object& line) {
+  if (number == 1 && line.String("target") == std::string("camera"))
+    camera_ = line.String("index").value_or("0");
+  const auto call = line.String(Updater::Camd::kCallKey);
+  if (!call) return;  // the header, the exit status
+  Entry entry;
+  entry.line = number;
+  entry.call = CallText(*call, line.String(Updater::Camd::kArgsKey).value_or(""));
+  entry.intReply = line.Number(Updater::Camd::kReplyKey);
+  entry.boolReply = line.Flag(Updater::Camd::kReplyKey);
+  entry.error = line.String(Updater::Camd::kErrorKey).value_or("");
+  entry.message = line.String(Updater::Camd::kMessageKey).value_or("");
+  entry.took = std::max<std::int64_t>(0, line.Number(Updater::Camd::kTookKey).value_or(0));
+  entries_.push_back(std::move(entry));
 }
 
 void Replay::Handle(const MethodInfo& method, sdbus::MethodCall& call) {
@@ -83,9 +75,8 @@ void Replay::Handle(const MethodInfo& method, sdbus::MethodCall& call) {
 void Replay::Mismatch(const std::string& got, sdbus::MethodCall& call) {
   if (!broken_) {
     broken_ = true;
-    const bool end = next_ >= entries_.size();
-    say_("REPLAY mismatch at line " + std::to_string(end ? endLine_ : entries_[next_].line) + ": expected " +
-         (end ? std::string("the end of the recording") : entries_[next_].call) + ", got " + got);
+    say_(next_ >= entries_.size() ? recording_.MismatchAtEnd(got)
+                                  : Recording::Mismatch(entries_[next_].line, entries_[next_].call, got));
   }
   call.createErrorReply(sdbus::Error(kMismatchError, "not in the recording: " + got)).send();
 }

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/recording_reader.hpp"
 #include "dbus/camd_methods.hpp"
 
 namespace sdbus {
@@ -50,6 +51,8 @@ class Replay {
     std::vector<std::uint8_t> data;
   };
 
+  // One line of the recording, while it is read.
+  void Read(int number, const Updater::Json::Object& line);
   void Mismatch(const std::string& got, sdbus::MethodCall& call);
   // Follows the image the way camd keeps it, for the verdict.
   void Track(const std::string& method, const Entry& entry);
@@ -60,7 +63,6 @@ class Replay {
   std::string camera_ = "0";
   std::vector<Entry> entries_;
   std::size_t next_ = 0;
-  int endLine_ = 0;  // the exit status's line, or the one after the last
   bool broken_ = false;
 
   std::int32_t announcedCrc_ = -1;
@@ -70,6 +72,8 @@ class Replay {
   std::pair<std::int32_t, std::int32_t> offered_;  // checksum and length of the last announcement
   std::optional<Chunk> pending_;
   bool verdictGiven_ = false;
+  // Last: it reads the file into the members above.
+  Updater::Record::Recording recording_;
 };
 
 }  // namespace CamdSim

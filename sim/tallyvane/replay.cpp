@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -60,33 +59,30 @@ bool TakeReplayOptions(int argc, char** argv, ReplayOptions& replay, std::vector
   return true;
 }
 
-BoardReplay::BoardReplay(const std::string& path, bool fast, Say say) : fast_(fast), say_(std::move(say)) {
-  std::ifstream in(path);
-  if (!in) throw std::runtime_error("cannot read the recording " + path);
-  int number = 0;
-  for (std::string text; std::getline(in, text);) {
-    ++number;
-    const auto line = Updater::Json::Parse(text);
-    const auto dir = line ? line->String("dir") : std::nullopt;
-    if (line && line->Has("exit")) endLine_ = number;
-    if (line && line->Number("board_version"))
-      boardVersion_ = static_cast<int>(*line->Number("board_version"));
-    if (text.empty() || (line && !dir)) continue;  // the header, the version, the exit status
-    Entry entry;
-    entry.line = number;
-    try {
-      if (!dir || (*dir != "tx" && *dir != "rx")) throw std::invalid_argument("direction");
-      entry.sent = *dir == "tx";
-      if (entry.sent) entry.text = Updater::Record::SentText(*line);
-      if (!entry.sent) entry.bytes = FromHex(line->String("hex").value_or(""));
-    } catch (const std::exception&) {
-      throw std::runtime_error(path + ":" + std::to_string(number) + ": not a recorded frame");
-    }
-    entry.ms = std::chrono::milliseconds(std::max<std::int64_t>(0, line->Number("ms").value_or(0)));
-    entries_.push_back(std::move(entry));
-  }
-  if (endLine_ == 0) endLine_ = number + 1;
+BoardReplay::BoardReplay(const std::string& path, bool fast, Say say)
+    : fast_(fast),
+      say_(std::move(say)),
+      recording_(path,
+                 [&path, this](int number, const Updater::Json::Object& line) { Read(path, number, line); }) {
   ScheduleReads();
+}
+
+void BoardReplay::Read(const std::string& path, int number, const Updater::Json::Object& line) {
+  if (const auto version = line.Number("board_version")) boardVersion_ = static_cast<int>(*version);
+  const auto dir = line.String("dir");
+  if (!dir) return;  // the header, the version, the exit status
+  Entry entry;
+  entry.line = number;
+  try {
+    if (*dir != "tx" && *dir != "rx") throw std::invalid_argument("direction");
+    entry.sent = *dir == "tx";
+    if (entry.sent) entry.text = Updater::Record::SentText(line);
+    if (!entry.sent) entry.bytes = FromHex(line.String("hex").value_or(""));
+  } catch (const std::exception&) {
+    throw std::runtime_error(path + ":" + std::to_string(number) + ": not a recorded frame");
+  }
+  entry.ms = std::chrono::milliseconds(std::max<std::int64_t>(0, line.Number("ms").value_or(0)));
+  entries_.push_back(std::move(entry));
 }
 
 void BoardReplay::ScheduleReads() {
@@ -102,10 +98,9 @@ void BoardReplay::OnPacket(const Bytes& packet) {
   const std::string got = Updater::Record::SentText(Updater::Record::BoardSent(packet.data(), packet.size()));
   if (broken_ || next_ >= entries_.size() || entries_[next_].text != got) {
     if (!broken_) {
-      const bool end = next_ >= entries_.size();
-      say_("REPLAY mismatch at line " + std::to_string(end ? endLine_ : entries_[next_].line) +
-           ": expected " + (end ? std::string("the end of the recording") : entries_[next_].text) + ", got " +
-           got);
+      say_(next_ >= entries_.size()
+               ? recording_.MismatchAtEnd(got)
+               : Updater::Record::Recording::Mismatch(entries_[next_].line, entries_[next_].text, got));
       broken_ = true;
       complete_ = false;
       due_.clear();

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "common/recording_reader.hpp"
 #include "link.hpp"
 #include "options.hpp"
 
@@ -83,6 +84,8 @@ class BoardReplay {
     Bytes bytes;
   };
 
+  // One line of the recording, while it is read.
+  void Read(const std::string& path, int number, const Updater::Json::Object& line);
   // Queues the board's reads up to the next packet of the updater's.
   void ScheduleReads();
   void Track(const Bytes& packet);
@@ -92,7 +95,6 @@ class BoardReplay {
   Say say_;
   std::vector<Entry> entries_;
   std::size_t next_ = 0;
-  int endLine_ = 0;  // the exit status's line, or the one after the last
   std::deque<Due> due_;
   bool broken_ = false;
   bool complete_ = false;
@@ -107,6 +109,8 @@ class BoardReplay {
   Bytes image_;
   std::vector<bool> held_;
   std::size_t heldCount_ = 0;
+  // Last: it reads the file into the members above.
+  Updater::Record::Recording recording_;
 };
 
 // The replay's main loop on the opened FIFOs until the board is done or

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "common/board_record.hpp"
+#include "common/recording_reader.hpp"
 #include "temp_dir.hpp"
 #include "text.hpp"
 
@@ -142,6 +143,42 @@ INSTANTIATE_TEST_SUITE_P(Files, AnUnwritableRecording,
                          ::testing::Values(Unwritable{"DiskFull", "/dev/full", "No space left on device"},
                                            Unwritable{"BadPath", "", "No such file or directory"}),
                          RowName<Unwritable>);
+
+// The simulators' side: what a replay reads, and where it says it left the recording.
+struct ARecordingRead : ::testing::Test {
+  std::string Read(const std::string& contents) {
+    const Record::Recording recording(
+        dir_.Write("session.jsonl", contents),
+        [this](int number, const Json::Object&) { numbers_.push_back(number); });
+    return recording.MismatchAtEnd("x");
+  }
+  const TempDir dir_;
+  std::vector<int> numbers_;
+};
+
+TEST_F(ARecordingRead, NumbersLinesAsTheFileDoesPastAnEmptyOne) {
+  Read("{\"recording\":1}\n\n{\"call\":\"A\"}\n");
+  EXPECT_EQ(numbers_, (std::vector<int>{1, 3}));
+}
+
+TEST_F(ARecordingRead, NamesTheEndAtTheExitStatusLine) {
+  EXPECT_EQ(Read("{\"call\":\"A\"}\n{\"exit\":0}\n\n"),
+            "REPLAY mismatch at line 2: expected the end of the recording, got x");
+}
+
+TEST_F(ARecordingRead, NamesTheEndOfARecordingCutShortAfterItsLastLine) {
+  EXPECT_EQ(Read("{\"call\":\"A\"}\n{\"call\":\"B\"}\n"),
+            "REPLAY mismatch at line 3: expected the end of the recording, got x");
+}
+
+TEST_F(ARecordingRead, RefusesALineThatIsNotOneJsonObjectNamingIt) {
+  try {
+    Read("{\"call\":\"A\"}\n{\"call\":\n");
+    FAIL() << "read a broken recording";
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(e.what(), dir_ / "session.jsonl" + ":2: not a recorded line");
+  }
+}
 
 }  // namespace
 }  // namespace Updater::Testing
