@@ -12,10 +12,15 @@ Recording::Recording(const std::string& path, const EachLine& each) {
   for (std::string text; std::getline(in, text);) {
     ++number;
     if (text.empty()) continue;
+    const auto where = [&path, number] { return path + ":" + std::to_string(number) + ": "; };
     const auto line = Json::Parse(text);
-    if (!line) throw std::runtime_error(path + ":" + std::to_string(number) + ": not a recorded line");
+    if (!line) throw std::runtime_error(where() + "not a recorded line");
     if (line->Has("exit")) endLine_ = number;
-    each(number, *line);
+    try {
+      each(number, *line);
+    } catch (const std::invalid_argument& refused) {
+      throw std::runtime_error(where() + refused.what());
+    }
   }
   if (endLine_ == 0) endLine_ = number + 1;
 }

@@ -62,12 +62,11 @@ bool TakeReplayOptions(int argc, char** argv, ReplayOptions& replay, std::vector
 BoardReplay::BoardReplay(const std::string& path, bool fast, Say say)
     : fast_(fast),
       say_(std::move(say)),
-      recording_(path,
-                 [&path, this](int number, const Updater::Json::Object& line) { Read(path, number, line); }) {
+      recording_(path, [this](int number, const Updater::Json::Object& line) { Read(number, line); }) {
   ScheduleReads();
 }
 
-void BoardReplay::Read(const std::string& path, int number, const Updater::Json::Object& line) {
+void BoardReplay::Read(int number, const Updater::Json::Object& line) {
   if (const auto version = line.Number("board_version")) boardVersion_ = static_cast<int>(*version);
   const auto dir = line.String("dir");
   if (!dir) return;  // the header, the version, the exit status
@@ -79,7 +78,7 @@ void BoardReplay::Read(const std::string& path, int number, const Updater::Json:
     if (entry.sent) entry.text = Updater::Record::SentText(line);
     if (!entry.sent) entry.bytes = FromHex(line.String("hex").value_or(""));
   } catch (const std::exception&) {
-    throw std::runtime_error(path + ":" + std::to_string(number) + ": not a recorded frame");
+    throw std::invalid_argument("not a recorded frame");
   }
   entry.ms = std::chrono::milliseconds(std::max<std::int64_t>(0, line.Number("ms").value_or(0)));
   entries_.push_back(std::move(entry));

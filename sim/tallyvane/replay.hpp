@@ -84,8 +84,9 @@ class BoardReplay {
     Bytes bytes;
   };
 
-  // One line of the recording, while it is read.
-  void Read(const std::string& path, int number, const Updater::Json::Object& line);
+  // One line of the recording, while it is read; std::invalid_argument for a
+  // line that is no frame.
+  void Read(int number, const Updater::Json::Object& line);
   // Queues the board's reads up to the next packet of the updater's.
   void ScheduleReads();
   void Track(const Bytes& packet);

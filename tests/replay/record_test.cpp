@@ -180,5 +180,17 @@ TEST_F(ARecordingRead, RefusesALineThatIsNotOneJsonObjectNamingIt) {
   }
 }
 
+TEST_F(ARecordingRead, NamesTheLineThatItsReaderRefuses) {
+  const auto path = dir_.Write("session.jsonl", "{\"call\":\"A\"}\n{\"dir\":\"up\"}\n");
+  try {
+    Record::Recording(path, [](int number, const Json::Object&) {
+      if (number == 2) throw std::invalid_argument("not a recorded frame");
+    });
+    FAIL() << "kept a refused line";
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(e.what(), path + ":2: not a recorded frame");
+  }
+}
+
 }  // namespace
 }  // namespace Updater::Testing

@@ -18,7 +18,9 @@ class Recording {
   // with its number in the file (from 1); nothing of it is kept. Throws
   // std::runtime_error when the file cannot be read or a line is not one
   // JSON object ("FILE:N: not a recorded line"), so that a replay never
-  // starts on half a recording; what `each` throws goes through.
+  // starts on half a recording. `each` refuses a line it cannot use by
+  // throwing std::invalid_argument with its own words, named the same way
+  // ("FILE:N: WORDS"); anything else it throws goes through.
   Recording(const std::string& path, const EachLine& each);
 
   // "REPLAY mismatch at line N: expected EXPECTED, got GOT", where the
